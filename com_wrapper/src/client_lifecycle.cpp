@@ -1,0 +1,246 @@
+// Connecting, disconnecting and the client's modes.
+
+#include <cxxabi.h>
+
+#include <utility>
+
+#include "callback_guard.h"
+#include "client_state.h"
+#include "log_macros.h"
+#include "thread_mark.h"
+#include "worker_thread.h"
+
+namespace brix {
+namespace {
+
+constexpr int kConnected = 1;
+constexpr int kFailed = -1;
+
+/// Takes a lock; on the client's own threads it only tries.
+std::unique_lock<std::recursive_mutex> lockUnlessOwn(std::recursive_mutex& mutex, bool ownThread) {
+  if (ownThread) return std::unique_lock<std::recursive_mutex>(mutex, std::try_to_lock);
+  return std::unique_lock<std::recursive_mutex>(mutex);
+}
+
+}  // namespace
+
+ClientLink::~ClientLink() {
+  // The last holder is either done with joining or the last of these threads itself.
+  detachWorkers();
+}
+
+void ClientLink::joinWorkers() {
+  joinWorker(broadcastThread);
+  joinWorker(heartbeatThread);
+  joinWorker(sendThread);
+}
+
+void ClientLink::joinWorker(std::thread& worker) {
+  std::thread taken;
+  {
+    std::lock_guard<std::mutex> lock(workersLock);
+    if (isOwnThread(worker)) return;
+    taken.swap(worker);
+  }
+  joinIfJoinable(taken);
+}
+
+void ClientLink::detachWorkers() {
+  std::lock_guard<std::mutex> lock(workersLock);
+  for (std::thread* worker : {&broadcastThread, &heartbeatThread, &sendThread}) {
+    detachIfJoinable(*worker);
+  }
+}
+
+bool CommunicationClient::State::onOwnThread() const { return ThreadMark::standsFor(this); }
+
+int CommunicationClient::State::connect(ThreadUnit& unit, const std::string& ip, int port,
+                                        double timeout) {
+  const auto handle = clientHandle.load();
+  if (!handle) {
+    BRIX_LOG_ERROR("you have set a client handle by setClientHandle before communication");
+    return kFailed;
+  }
+  if (connected) {
+    if (printFlag) BRIX_LOG_INFO("Already connect");
+    return kConnected;
+  }
+  if (printFlag) BRIX_LOG_INFO("Try to connect ip %s, port %d", ip.c_str(), port);
+  const auto lock = lockUnlessOwn(connectLock, onOwnThread());
+  if (!lock || destroyed) {
+    if (printFlag) BRIX_LOG_ERROR("another thread is connecting");
+    return kFailed;
+  }
+  if (connected) {  // by the thread that held the lock
+    if (printFlag) BRIX_LOG_INFO("Already connect");
+    return kConnected;
+  }
+  try {
+    return connectLocked(unit, *handle, timeout);
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {  // what was set or started stays as it was
+    if (printFlag) BRIX_LOG_ERROR("catch exception");
+    return kFailed;
+  }
+}
+
+int CommunicationClient::State::connectLocked(ThreadUnit& unit, BasicClientInterface& handle,
+                                              double timeout) {
+  const int result = handle.connectServer(timeout);
+  if (result != kConnected) return result;
+  if (broadcastMode && !loop->start(unit)) {
+    BRIX_LOG_ERROR("start thread failed");
+    disConnect();
+    return kFailed;
+  }
+  if (printFlag) BRIX_LOG_INFO("Connect server %s", "SUCCESSFUL");
+  retireLink();
+  beginLink();
+  notify(true);
+  if (startWorkers()) return kConnected;
+  if (printFlag) BRIX_LOG_ERROR("catch exception");
+  return kFailed;
+}
+
+// The workers of the connection before have ended on their own signal, or are about to. Inside a
+// callback one of them may be waiting for this thread: then a later connect, or the destructor, joins
+// them.
+void CommunicationClient::State::retireLink() {
+  connected = false;
+  if (const auto old = link.load()) {
+    old->stop.request();
+    std::lock_guard<std::mutex> lock(retiredLock);
+    retired.push_back(old);
+  }
+  if (!onOwnThread()) joinRetired();
+}
+
+void CommunicationClient::State::joinRetired() {
+  std::vector<std::shared_ptr<ClientLink>> ended;
+  {
+    std::lock_guard<std::mutex> lock(retiredLock);
+    ended.swap(retired);
+  }
+  for (const auto& old : ended) old->joinWorkers();
+}
+
+// Silence counts from here, not from the last chunk of the connection before.
+void CommunicationClient::State::beginLink() {
+  auto next = std::make_shared<ClientLink>();
+  log_time::timer_start(next->recvTimer);
+  link = std::move(next);
+  connected = true;
+}
+
+bool CommunicationClient::State::startWorkers() {
+  const auto own = link.load();
+  if (broadcastMode &&
+      !startWorker(own->broadcastThread, "broadcast thread", &State::broadcastLoop)) {
+    return false;
+  }
+  if (heartbeatMode &&
+      !startWorker(own->heartbeatThread, "heartbeat thread", &State::heartbeatLoop)) {
+    return false;
+  }
+  return !sendMode || startWorker(own->sendThread, "send thread", &State::sendLoop);
+}
+
+bool CommunicationClient::State::startWorker(std::thread& worker, const char* name,
+                                             void (State::*body)(ClientLink&)) {
+  const auto own = link.load();
+  const auto state = shared_from_this();
+  std::thread started;
+  const auto run = [state, own, body] { ((*state).*body)(*own); };
+  if (!startThread(started, name, run)) return false;
+  std::lock_guard<std::mutex> lock(own->workersLock);
+  worker = std::move(started);
+  return true;
+}
+
+void CommunicationClient::State::notify(bool value) {
+  const ThreadMark insideCallback(this);
+  connectionListener(value);
+}
+
+void CommunicationClient::State::closeTransport() {
+  if (const auto handle = clientHandle.load()) {
+    guarded("closeClient", [&] { handle->closeClient(); });
+  }
+}
+
+// Stop sequence: 1. close the transport, which ends a blocked read or send; 2. end the receive cycle;
+// 3. connected false, which ends the workers, whose pauses are interrupted; 4. tell the listener;
+// 5. drop what is queued. On the client's own threads 2 does not wait.
+/// @return false if another thread is disconnecting, which this one must not wait for
+bool CommunicationClient::State::disConnect() {
+  const bool own = onOwnThread();
+  const auto lock = lockUnlessOwn(connectMutex, own);
+  if (!lock) return false;
+  if (connected) {
+    const auto ended = link.load();
+    closeTransport();
+    if (own) {
+      loop->requestStop();
+    } else {
+      loop->stop();
+    }
+    connected = false;
+    ended->quitFlag = false;
+    ended->stop.request();
+    guarded("connection listener", [this] { notify(false); });
+    if (printFlag) BRIX_LOG_INFO("CommunicationClient disconnected...");
+  }
+  sendQueue.takeAll();
+  recvQueue.takeAll();
+  return true;
+}
+
+// The client goes away. Inside a callback its threads cannot be waited for: they end by themselves on
+// this state, and no listener is called any more.
+void CommunicationClient::State::release() {
+  destroyed = true;
+  const bool own = onOwnThread();
+  disConnect();
+  if (const auto last = link.load()) {
+    std::lock_guard<std::mutex> lock(retiredLock);
+    retired.push_back(last);
+  }
+  if (!own) joinRetired();
+  loop->stop();  // a cycle must not begin on a half-destroyed object
+  changeListeners([this] {
+    listeners.clear();
+    msgListeners.clear();
+  });
+}
+
+void CommunicationClient::State::setSendMode(bool queued) {
+  sendMode = queued;
+  const auto own = link.load();
+  if (queued || !own) return;
+  own->stop.wake();
+  if (!onOwnThread()) own->joinWorker(own->sendThread);
+}
+
+void CommunicationClient::State::setBroadcastMode(bool receiving) {
+  broadcastMode = receiving;
+  if (receiving) return;
+  const auto own = link.load();
+  if (own) own->stop.wake();
+  if (onOwnThread()) {
+    loop->requestStop();
+    return;
+  }
+  if (own) own->joinWorker(own->broadcastThread);
+  loop->stop();
+}
+
+void CommunicationClient::State::setHeartbeatMode(bool beating) {
+  heartbeatMode = beating;
+  const auto own = link.load();
+  if (beating || !own) return;
+  own->stop.wake();
+  if (!onOwnThread()) own->joinWorker(own->heartbeatThread);
+}
+
+}  // namespace brix

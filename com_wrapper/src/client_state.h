@@ -1,0 +1,124 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "callback_slot.h"
+#include "communication_client.h"
+#include "log_facade.h"
+#include "message_splitter.h"
+#include "stop_signal.h"
+#include "swap_queue.h"
+#include "thread_loop.h"
+
+namespace brix {
+
+/// What belongs to one connection. Its threads end on its own stop signal, so that a new connection
+/// never meets the workers, the silence or the watchdog of the one before.
+struct ClientLink {
+  ~ClientLink();
+
+  /// Joins the workers, except one that calls this.
+  void joinWorkers();
+  void joinWorker(std::thread& worker);
+  void detachWorkers();
+
+  StopSignal stop;
+  std::mutex workersLock;       // innermost; guards the handles: a thread is joined by who took it out
+  std::thread broadcastThread;
+  std::thread heartbeatThread;
+  std::thread sendThread;
+  log_time::TimerUnit recvTimer;  // receive cycle only, as warnCount
+  int warnCount = 1;
+  std::atomic<bool> quitFlag{false};  // set by the watchdog
+};
+
+/// What the client shares with its threads: a callback on one of them may destroy the client.
+///
+/// Lock order: connectLock (connect), connectMutex (disConnect), listenerMutex; then the innermost
+/// ones, never held while another lock is taken or anything is called. On the client's own threads and
+/// inside its callbacks connectLock and connectMutex are only tried, because their holder may be
+/// waiting for that very thread.
+class CommunicationClient::State : public std::enable_shared_from_this<CommunicationClient::State> {
+ public:
+  explicit State(std::shared_ptr<ThreadLoop> unitLoop) : loop(std::move(unitLoop)) {}
+
+  int connect(ThreadUnit& unit, const std::string& ip, int port, double timeout);
+  bool disConnect();
+  void release();
+  int send(const std::string& msg);
+  int sendBytes(const char* data, int len);
+  int sendRequest(const Json::Value& request);
+  void setSendMode(bool queued);
+  void setBroadcastMode(bool receiving);
+  void setHeartbeatMode(bool beating);
+  void changeListeners(const std::function<void()>& change);
+
+  void cycle();
+  void broadcastLoop(ClientLink& own);
+  void sendLoop(ClientLink& own);
+  void heartbeatLoop(ClientLink& own);
+
+  std::shared_ptr<ClientLink> currentLink() const { return link.load(); }
+
+  ValueSlot<std::shared_ptr<BasicClientInterface>> clientHandle;
+  std::atomic<double> sendRate{0.5};
+  std::atomic<double> recvRate{0.5};
+  std::atomic<bool> connected{false};
+  std::atomic<bool> heartbeatMode{true};
+  const double recvTimeout = 3000.0;
+
+  // listenerMutex; held by pointer, because a callback may append to its own list
+  std::vector<iRecieveListener*> listeners;
+  std::vector<std::shared_ptr<const std::function<void(const std::string&)>>> msgListeners;
+  std::mutex listenerMutex;
+
+  SwapQueue sendQueue;
+  SwapQueue recvQueue;
+  MessageSplitter recvBuffer;  // receive cycle only
+  ValueSlot<std::string> heartbeatMsg;
+  log_time::TimerUnit spareTimer;
+  const double warnInterval = 1000.0;
+  std::recursive_mutex connectMutex;
+  std::atomic<bool> sendMode{true};
+  std::atomic<bool> broadcastMode{true};
+  std::atomic<bool> printFlag{true};
+  CallbackSlot<void(bool)> connectionListener;
+
+ private:
+  bool onOwnThread() const;
+  int connectLocked(ThreadUnit& unit, BasicClientInterface& handle, double timeout);
+  void beginLink();
+  bool startWorkers();
+  bool startWorker(std::thread& worker, const char* name, void (State::*loop)(ClientLink&));
+  void retireLink();
+  void joinRetired();
+  void notify(bool value);
+  void closeTransport();
+  int handOver(const char* what, const std::function<void(BasicClientInterface&)>& send);
+  int handOverText(const char* what, const std::function<std::string()>& text);
+
+  std::string readChunk(BasicClientInterface& handle);
+  void warnOfSilence(ClientLink& own);
+  void cutMessages(const std::string& chunk, const std::string& delimiter);
+  void reportUnfinished(const std::string& chunk) const;
+  bool watchdogFires(ClientLink& own, const log_time::TimerUnit& idle);
+  void deliver(ClientLink& own);
+  void deliverOne(const std::string& msg);
+  void sendBatch(ClientLink& own);
+
+  const std::shared_ptr<ThreadLoop> loop;
+  std::recursive_mutex connectLock;
+  ValueSlot<std::shared_ptr<ClientLink>> link;
+  std::mutex retiredLock;  // innermost
+  std::vector<std::shared_ptr<ClientLink>> retired;
+  ClientLink* delivering = nullptr;  // listenerMutex: the link whose thread runs the listeners
+  std::atomic<bool> destroyed{false};
+};
+
+}  // namespace brix

@@ -1,0 +1,208 @@
+// The client's receive cycle and its three workers.
+
+#include <cxxabi.h>
+
+#include <utility>
+
+#include "atomic_access.h"
+#include "brix_json.h"
+#include "callback_guard.h"
+#include "client_state.h"
+#include "log_macros.h"
+#include "thread_mark.h"
+
+namespace brix {
+namespace {
+
+// Longest time inside the transport without testing for silence or a stop.
+constexpr double kReadSliceMs = 50;
+constexpr double kHeartbeatMs = 2500;
+constexpr int kSent = 1;
+constexpr int kNotConnected = -1;
+constexpr int kSendThrew = 0;
+
+}  // namespace
+
+void CommunicationClient::State::cycle() {
+  const ThreadMark mark(this);
+  if (!connected) return;
+  const auto own = link.load();
+  if (own->quitFlag) {
+    if (!disConnect()) return;
+    own->joinWorkers();
+    if (printFlag) BRIX_LOG_INFO("communication thread quit.");
+    return;
+  }
+  const auto handle = clientHandle.load();
+  if (!handle) return;
+  const std::string chunk = readChunk(*handle);
+  log_time::timer_end(own->recvTimer);
+  warnOfSilence(*own);
+  if (chunk.empty()) return;
+  const std::string& delimiter = handle->delimiter;
+  if (chunk == delimiter) return;  // no traffic, and nothing for the buffer
+  log_time::timer_start(own->recvTimer);
+  own->warnCount = 1;
+  cutMessages(chunk, delimiter);
+}
+
+// A silent peer must not keep the cycle from counting the silence: nothing readable is an empty chunk.
+std::string CommunicationClient::State::readChunk(BasicClientInterface& handle) {
+  return handle.waitReadable(kReadSliceMs) ? handle.recieveMsg() : std::string();
+}
+
+void CommunicationClient::State::warnOfSilence(ClientLink& own) {
+  const double silentMs = own.recvTimer.elapsed;
+  if (!heartbeatMode || silentMs <= own.warnCount * warnInterval) return;
+  ++own.warnCount;
+  BRIX_LOG_ERROR("recv cost exceed %f ms, still recv nothing.", silentMs);
+}
+
+void CommunicationClient::State::cutMessages(const std::string& chunk,
+                                             const std::string& delimiter) {
+  std::vector<std::string> msgs;
+  recvBuffer.feed(chunk.data(), chunk.size(), msgs, delimiter);
+  if (msgs.empty()) reportUnfinished(chunk);
+  for (std::string& msg : msgs) recvQueue.push(std::move(msg));
+}
+
+void CommunicationClient::State::reportUnfinished(const std::string& chunk) const {
+  if (atomicLoad(brix_controller_error) || !printFlag) return;
+  BRIX_LOG_INFO("%c%s", "yellow", chunk.c_str());
+  BRIX_LOG_INFO("%s", recvBuffer.buffer().c_str());
+}
+
+void CommunicationClient::State::broadcastLoop(ClientLink& own) {
+  const ThreadMark mark(this);
+  log_time::TimerUnit idle;
+  log_time::timer_start(idle);
+  while (!own.stop.requested() && broadcastMode) {
+    own.stop.pauseMs(recvRate, [this] { return !broadcastMode; });
+    log_time::timer_end(idle);
+    if (recvQueue.empty()) {
+      if (watchdogFires(own, idle)) break;
+      continue;
+    }
+    log_time::timer_start(idle);
+    deliver(own);
+  }
+  if (printFlag) BRIX_LOG_ERROR("broadcast thread quit...");
+}
+
+bool CommunicationClient::State::watchdogFires(ClientLink& own, const log_time::TimerUnit& idle) {
+  if (idle.elapsed < recvTimeout || !heartbeatMode) return false;
+  if (printFlag) BRIX_LOG_INFO("has data %b, duration %f", false, idle.elapsed);
+  own.quitFlag = true;
+  return true;
+}
+
+void CommunicationClient::State::deliver(ClientLink& own) {
+  const std::vector<std::string> msgs = recvQueue.takeAll();
+  std::lock_guard<std::mutex> lock(listenerMutex);
+  const ThreadMark mark(&listenerMutex);
+  delivering = &own;
+  for (const std::string& msg : msgs) deliverOne(msg);
+  delivering = nullptr;
+}
+
+// By index: a listener that outlived a stop may have changed the lists under its own delivery.
+void CommunicationClient::State::deliverOne(const std::string& msg) {
+  for (std::size_t i = 0; i < listeners.size(); ++i) {
+    iRecieveListener* const listener = listeners[i];
+    if (listener != nullptr) guarded("onReceive", [&] { listener->onReceive(msg); });
+  }
+  for (std::size_t i = 0; i < msgListeners.size(); ++i) {
+    const auto callback = msgListeners[i];
+    guarded("message listener", [&] { (*callback)(msg); });
+  }
+}
+
+// The lock is held while listeners run. A listener that changes the lists waits for itself: it stays
+// there, as it always has, but no longer than its connection.
+void CommunicationClient::State::changeListeners(const std::function<void()>& change) {
+  if (!ThreadMark::standsFor(&listenerMutex)) {
+    std::lock_guard<std::mutex> lock(listenerMutex);
+    change();
+    return;
+  }
+  if (!destroyed) {
+    BRIX_LOG_ERROR("listeners changed inside a listener: it blocks until the client disconnects");
+    while (!delivering->stop.requested()) delivering->stop.pauseMs(kReadSliceMs);
+  }
+  change();
+}
+
+void CommunicationClient::State::sendLoop(ClientLink& own) {
+  const ThreadMark mark(this);
+  try {
+    while (!own.stop.requested() && sendMode) {
+      own.stop.pauseMs(sendRate, [this] { return !sendMode; });
+      if (!sendQueue.empty()) sendBatch(own);
+    }
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    if (printFlag) BRIX_LOG_ERROR("sendRequestFunc catch exception");
+  }
+  if (printFlag) BRIX_LOG_ERROR("send thread quit...");
+}
+
+// Texts of a connection that has ended must not reach the next one.
+void CommunicationClient::State::sendBatch(ClientLink& own) {
+  const auto handle = clientHandle.load();
+  for (std::string& text : sendQueue.takeAll()) {
+    if (!handle || own.stop.requested()) return;
+    const std::string& delimiter = handle->delimiter;
+    if (text.size() > delimiter.size() && !endsWith(text, delimiter)) text += delimiter;
+    handle->sendMsg(text);
+  }
+}
+
+void CommunicationClient::State::heartbeatLoop(ClientLink& own) {
+  const ThreadMark mark(this);
+  Json::Value heartbeat;
+  heartbeat["command"] = "heartbeat";
+  if (heartbeatMsg.load().empty()) {
+    heartbeatMsg = brix_json::toStrWithoutIndentation(heartbeat, brix_json::kPrecision);
+  }
+  while (!own.stop.requested() && heartbeatMode) {
+    send(heartbeatMsg.load());
+    own.stop.pauseMs(kHeartbeatMs, [this] { return !heartbeatMode; });
+  }
+  BRIX_LOG_ERROR("heart broken...");
+}
+
+int CommunicationClient::State::send(const std::string& msg) {
+  return handOverText("sendMsg", [&] { return msg; });
+}
+
+int CommunicationClient::State::sendRequest(const Json::Value& request) {
+  return handOverText("sendRequest", [&] {
+    return brix_json::toStrWithoutIndentation(request, brix_json::kPrecision);
+  });
+}
+
+int CommunicationClient::State::sendBytes(const char* data, int len) {
+  return handOver("sendMsg", [&](BasicClientInterface& handle) { handle.sendMsg(data, len); });
+}
+
+int CommunicationClient::State::handOverText(const char* what,
+                                             const std::function<std::string()>& text) {
+  return handOver(what, [&](BasicClientInterface& handle) {
+    if (sendMode) {
+      sendQueue.push(text());
+    } else {
+      handle.sendMsg(text());
+    }
+  });
+}
+
+int CommunicationClient::State::handOver(const char* what,
+                                         const std::function<void(BasicClientInterface&)>& send) {
+  if (!connected) return kNotConnected;
+  const auto handle = clientHandle.load();
+  if (!handle) return kNotConnected;
+  return guarded(what, [&] { send(*handle); }) ? kSent : kSendThrew;
+}
+
+}  // namespace brix

@@ -1,0 +1,316 @@
+#include "communication_server.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "atomic_access.h"
+#include "callback_guard.h"
+#include "callback_slot.h"
+#include "data_queue.h"
+#include "delivery_gate.h"
+#include "log_macros.h"
+#include "stop_signal.h"
+#include "thread_mark.h"
+#include "worker_thread.h"
+
+namespace brix {
+namespace {
+
+constexpr int kNoServerHandle = -1;
+constexpr double kDefaultBroadcastMs = 10.0;
+
+// Held by pointer: a call goes on when the function is replaced, and keeps what its captures count.
+using RawDataFunc = std::function<std::string(const std::string&)>;
+using ConnectionListener = std::function<void(bool)>;
+template <typename Function>
+using FunctionList = std::vector<std::shared_ptr<const Function>>;
+
+}  // namespace
+
+/// What the server shares with its broadcast thread and the transport's listeners: both may outlive
+/// the server.
+///
+/// Lock order: the transport's connection lock, then stateLock; the transport's receive lock, then
+/// rawDataLock. These two are never held together. Both are recursive so that a callback may replace
+/// itself. lifecycleLock comes before all of them.
+struct CommunicationServer::State : std::enable_shared_from_this<State> {
+  void setServerHandle(std::shared_ptr<BasicServerInterface> handle);
+  void terminate();
+  void release();
+  void setSendRate(double rate);
+  void startBroadcasting();
+  void sendMsg(const std::string& msg);
+  void recieveMsg(const std::string& msg);
+  void connectionNotify(bool value);
+  void broadcastLoop(StopSignal& run);
+  bool waitForAudience(StopSignal& run, std::unique_lock<std::recursive_mutex>& lock);
+  void broadcastOnce(StopSignal& run);
+  void stopTransportIfAsked();
+  bool onBroadcastThread() const { return ThreadMark::standsFor(&broadcastThread); }
+
+  DataQueue<std::string> firstQueue;
+  DataQueue<std::string> secondQueue;
+  std::atomic<bool> quit{false};
+  ValueSlot<std::shared_ptr<BasicServerInterface>> serverHandle;
+  std::recursive_mutex rawDataLock;
+  FunctionList<RawDataFunc> rawDataFuncs;               // rawDataLock
+  FunctionList<ConnectionListener> connectionListeners;  // stateLock
+  std::atomic<bool> connected{false};  // changed under stateLock, and by terminate()
+  CallbackSlot<std::string()> broadcastFunc;
+  std::atomic<double> broadcastRate{kDefaultBroadcastMs};
+  std::atomic<double> sendRate{0.0};
+  std::atomic<double> recvRate{0.0};
+  std::thread broadcastThread;  // lifecycleLock
+  std::recursive_mutex stateLock;
+  std::condition_variable_any connectionCondition;
+  CallbackSlot<void(const std::string&)> sentMsgObserver;
+  log_time::TimerUnit timerUnit;
+
+  std::mutex lifecycleLock;
+  ValueSlot<std::shared_ptr<StopSignal>> broadcastRun;  // stops the broadcast thread of one start
+  ValueSlot<std::shared_ptr<BasicServerInterface>> toTerminate;  // asked for by the broadcast thread
+  DeliveryGate gate;  // the transport's deliveries
+};
+
+CommunicationServer::CommunicationServer() : state_(std::make_shared<State>()) {}
+
+CommunicationServer::~CommunicationServer() {
+  state_->terminate();
+  state_->release();
+}
+
+void CommunicationServer::setServerHandle(std::shared_ptr<BasicServerInterface> handle) {
+  state_->setServerHandle(std::move(handle));
+}
+
+// The transport may outlive this server: its listeners hold the state only while they run.
+void CommunicationServer::State::setServerHandle(std::shared_ptr<BasicServerInterface> handle) {
+  serverHandle = handle;
+  if (!handle) return;
+  const std::weak_ptr<State> weak = weak_from_this();
+  handle->registerMsgListener([weak](const std::string& msg) {
+    const auto state = weak.lock();
+    if (!state) return;
+    const DeliveryGate::Entry entry(state->gate);
+    if (entry) state->recieveMsg(msg);
+  });
+  handle->registerConnectionListener([weak](bool value) {
+    const auto state = weak.lock();
+    if (!state) return;
+    const DeliveryGate::Entry entry(state->gate);
+    if (entry) state->connectionNotify(value);
+  });
+}
+
+int CommunicationServer::initialize(int port) {
+  const auto handle = state_->serverHandle.load();
+  if (!handle) {
+    BRIX_LOG_ERROR("server handle not set, cannot initialize...");
+    return kNoServerHandle;
+  }
+  state_->quit = false;
+  return handle->initialize(port);
+}
+
+void CommunicationServer::terminate() {
+  const auto state = state_;
+  state->terminate();
+}
+
+// Stop sequence: 1. quit flag, which ends the broadcast thread's pause; 2. wake its wait; 3. stop the
+// transport. The broadcast thread itself holds the state lock, for which the transport's threads may
+// be waiting: it does 3 when its function has returned.
+void CommunicationServer::State::terminate() {
+  quit = true;
+  if (const auto run = broadcastRun.load()) run->request();
+  connected = false;
+  connectionCondition.notify_all();
+  const auto handle = serverHandle.load();
+  if (!handle) return;
+  if (onBroadcastThread()) {
+    toTerminate = handle;
+  } else {
+    handle->terminateServer();
+  }
+}
+
+// Inside a callback nobody can be waited for: the callback may hold a lock that they need.
+void CommunicationServer::State::release() {
+  const bool insideCallback = onBroadcastThread() || ThreadMark::standsFor(&gate);
+  gate.close();
+  if (insideCallback) {
+    const std::unique_lock<std::mutex> lock(lifecycleLock, std::try_to_lock);
+    if (lock) detachIfJoinable(broadcastThread);
+  } else {
+    std::lock_guard<std::mutex> lock(lifecycleLock);
+    joinIfJoinable(broadcastThread);
+  }
+}
+
+void CommunicationServer::setSendRate(double rate) { state_->setSendRate(rate); }
+
+void CommunicationServer::State::setSendRate(double rate) {
+  const auto handle = serverHandle.load();
+  if (!handle) {
+    BRIX_LOG_ERROR("server handle not set, set send rate invalid...");
+    sendRate = rate;
+    return;
+  }
+  // Every broadcast is to find the sending pump at least twice a period.
+  if (broadcastFunc && rate > broadcastRate) rate = broadcastRate * 0.5;
+  handle->setSendRate(rate);
+  sendRate = rate;
+}
+
+void CommunicationServer::setRecvRate(double rate) {
+  if (const auto handle = state_->serverHandle.load()) {
+    handle->setRecvRate(rate);
+  } else {
+    BRIX_LOG_ERROR("server handle not set, set recv rate invalid...");
+  }
+  state_->recvRate = rate;
+}
+
+void CommunicationServer::setBroadcastRate(double rate) {
+  const double sendRate = state_->sendRate;
+  if (sendRate > rate) {
+    BRIX_LOG_ERROR("broadcast rate %f ms less than send rate %f ms, set invalid...", rate, sendRate);
+    return;
+  }
+  state_->broadcastRate = rate;
+}
+
+void CommunicationServer::registerBroadcastFunc(std::function<std::string()> func, double rate) {
+  const auto state = state_;
+  state->broadcastFunc = std::move(func);
+  state->broadcastRate = rate;
+  const auto handle = state->serverHandle.load();
+  if (handle && atomicLoad(handle->sendRate) > rate) state->setSendRate(rate * 0.5);
+  BRIX_LOG_INFO("register broadcast callback, broadcast rate %f ms", state->broadcastRate.load());
+  state->startBroadcasting();
+}
+
+// Outside the broadcast thread this waits for an earlier thread, which ends only by terminate(). On
+// that thread the new one takes over.
+void CommunicationServer::State::startBroadcasting() {
+  std::unique_lock<std::mutex> lock(lifecycleLock, std::defer_lock);
+  if (onBroadcastThread()) {
+    if (!lock.try_lock()) return;  // another registration is waiting for this very thread
+    broadcastRun.load()->request();
+    detachIfJoinable(broadcastThread);
+  } else {
+    lock.lock();
+    joinIfJoinable(broadcastThread);
+  }
+  quit = false;
+  const auto run = std::make_shared<StopSignal>();
+  broadcastRun = run;
+  startThread(broadcastThread, "broadcast thread",
+              [state = shared_from_this(), run] { state->broadcastLoop(*run); });
+}
+
+void CommunicationServer::registerRawDataBroadcastFunc(
+    std::function<std::string(const std::string&)> func) {
+  std::lock_guard<std::recursive_mutex> lock(state_->rawDataLock);
+  state_->rawDataFuncs.clear();
+  state_->rawDataFuncs.push_back(std::make_shared<RawDataFunc>(std::move(func)));
+}
+
+void CommunicationServer::registerConnectionListener(std::function<void(bool)> listener) {
+  std::lock_guard<std::recursive_mutex> lock(state_->stateLock);
+  state_->connectionListeners.clear();
+  state_->connectionListeners.push_back(std::make_shared<ConnectionListener>(std::move(listener)));
+}
+
+void CommunicationServer::registerSentMsgObserver(
+    std::function<void(const std::string&)> observer) {
+  state_->sentMsgObserver = std::move(observer);
+  state_->connectionCondition.notify_all();
+}
+
+void CommunicationServer::sendMsg(const std::string& msg) { state_->sendMsg(msg); }
+
+void CommunicationServer::State::sendMsg(const std::string& msg) {
+  if (msg.empty()) return;
+  const auto handle = serverHandle.load();
+  if (handle && connected) handle->sendMsg(msg);
+  sentMsgObserver(msg);
+}
+
+void CommunicationServer::recieveMsgCallback(const std::string& msg) {
+  const auto state = state_;
+  state->recieveMsg(msg);
+}
+
+void CommunicationServer::State::recieveMsg(const std::string& msg) {
+  std::lock_guard<std::recursive_mutex> lock(rawDataLock);
+  const auto funcs = rawDataFuncs;  // a function may replace itself
+  for (const auto& func : funcs) {
+    const std::string reply = (*func)(msg);
+    if (!reply.empty()) sendMsg(reply);
+  }
+}
+
+void CommunicationServer::connectionNotify(bool connected) {
+  const auto state = state_;
+  state->connectionNotify(connected);
+}
+
+void CommunicationServer::State::connectionNotify(bool value) {
+  std::lock_guard<std::recursive_mutex> lock(stateLock);
+  // Stored also when a listener throws: clients that are there are to be served.
+  struct Store {
+    State& state;
+    bool value;
+    ~Store() {
+      state.connected = value;
+      state.connectionCondition.notify_all();
+    }
+  } const store{*this, value};
+  const auto listeners = connectionListeners;  // a listener may replace itself
+  for (const auto& listener : listeners) (*listener)(value);
+}
+
+void CommunicationServer::broadcastAutomaticFunc() {
+  const auto state = state_;
+  if (const auto run = state->broadcastRun.load()) state->broadcastLoop(*run);
+}
+
+void CommunicationServer::State::broadcastLoop(StopSignal& run) {
+  const ThreadMark mark(&broadcastThread);
+  while (!run.requested()) {
+    run.pauseMs(broadcastRate);
+    guarded("broadcast function", [&] { broadcastOnce(run); });
+    stopTransportIfAsked();
+  }
+  BRIX_LOG_INFO("broadcastAutomaticFunc quit...");
+}
+
+void CommunicationServer::State::broadcastOnce(StopSignal& run) {
+  std::unique_lock<std::recursive_mutex> lock(stateLock);
+  if (!waitForAudience(run, lock)) return;
+  const std::string text = broadcastFunc();
+  if (connected || sentMsgObserver) sendMsg(text);
+}
+
+/// @return false on a stop
+bool CommunicationServer::State::waitForAudience(StopSignal& run,
+                                                 std::unique_lock<std::recursive_mutex>& lock) {
+  while (!connected && !run.requested() && !sentMsgObserver) {
+    connectionCondition.wait_for(lock, std::chrono::milliseconds(kRetestMs));
+  }
+  return !run.requested();
+}
+
+void CommunicationServer::State::stopTransportIfAsked() {
+  const auto handle = toTerminate.load();
+  if (!handle) return;
+  toTerminate = nullptr;
+  handle->terminateServer();
+}
+
+}  // namespace brix

@@ -1,0 +1,63 @@
+/// @file
+/// The polled queue between the threads of one object.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <deque>
+#include <mutex>
+#include <utility>
+
+#include "log_facade.h"
+
+/// A FIFO without a size limit that never blocks its reader.
+///
+/// Any threads push; one consumer polls `empty()` and pops. Every operation may be called from any
+/// thread.
+template <typename T, typename Container = std::deque<T>>
+class DataQueue {
+ public:
+  /// Appends a copy of `value`.
+  void push(const T& value) { push(T(value)); }
+
+  /// Appends `value`.
+  void push(T&& value) {
+    std::lock_guard<brix::LogMutex> lock(mutex_);
+    queue_.push_back(std::move(value));
+    hasData_.store(true, std::memory_order_release);
+  }
+
+  /// @return the oldest element, or an empty T if there is none
+  T pop() {
+    if (empty()) return T();
+    std::lock_guard<brix::LogMutex> lock(mutex_);
+    if (queue_.empty()) return T();
+    T value = std::move(queue_.front());
+    queue_.pop_front();
+    hasData_.store(!queue_.empty(), std::memory_order_release);
+    return value;
+  }
+
+  /// Tells without taking the lock: consumers poll and must not disturb the producers.
+  bool empty() const { return !hasData_.load(std::memory_order_acquire); }
+
+  /// @return number of elements waiting
+  std::size_t size() const {
+    std::lock_guard<brix::LogMutex> lock(mutex_);
+    return queue_.size();
+  }
+
+  /// Drops all elements and gives their storage back.
+  void clear() {
+    Container dropped;
+    std::lock_guard<brix::LogMutex> lock(mutex_);
+    queue_.swap(dropped);
+    hasData_.store(false, std::memory_order_release);
+  }
+
+ private:
+  Container queue_;
+  mutable brix::LogMutex mutex_;
+  T spare_{};
+  std::atomic<bool> hasData_{false};
+};

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace brix {
+
+inline bool endsWith(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() &&
+         text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+/// Cuts a byte stream into messages; the one mechanism behind decodeMsgs and every receiver.
+///
+/// Holds the unfinished tail and how far it was searched, so that a large message that comes in many
+/// chunks is searched once. Used by one thread.
+class MessageSplitter {
+ public:
+  /// Starts with bytes that were received before.
+  explicit MessageSplitter(std::string buffer = {}) : buffer_(std::move(buffer)) {}
+
+  /// Appends received bytes to the buffer.
+  void append(const char* data, std::size_t size) { buffer_.append(data, size); }
+
+  /// Cuts the buffer; the contract of decodeMsgs.
+  int split(std::vector<std::string>& msgs, const std::string& delimiter);
+
+  /// Appends a chunk and cuts; with an empty delimiter the chunk is one message and the buffer is not
+  /// used.
+  void feed(const char* data, std::size_t size, std::vector<std::string>& msgs,
+            const std::string& delimiter);
+
+  /// The unfinished tail.
+  const std::string& buffer() const { return buffer_; }
+
+  /// Gives the tail away.
+  std::string takeBuffer() { return std::move(buffer_); }
+
+ private:
+  void cut(std::vector<std::string>& msgs, const std::string& delimiter);
+
+  std::string buffer_;
+  std::size_t searched_ = 0;  // no delimiter begins and ends within the first searched_ bytes
+  std::string searchedFor_;   // the delimiter that searched_ was counted with
+};
+
+}  // namespace brix

@@ -1,0 +1,118 @@
+#include "socket_owner.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+
+#include "sigpipe_guard.h"
+#include "stop_signal.h"
+
+namespace brix {
+
+int pollFor(int fd, short events, double ms) noexcept {
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + std::chrono::microseconds(pauseMicros(ms));
+  pollfd entry{fd, events, 0};
+  for (;;) {
+    const std::chrono::duration<double, std::milli> left = deadline - Clock::now();
+    const int result = poll(&entry, 1, wholeMs(std::ceil(left.count())));
+    if (result != -1 || errno != EINTR) return result;
+  }
+}
+
+SocketOwner::SocketOwner(int fd) noexcept : fd_(fd), state_(fd < 0 ? State::Ended : State::Open) {
+  if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);  // cannot fail on a descriptor that is open
+}
+
+SocketOwner::~SocketOwner() { end(); }
+
+SocketOwner::Use::Use(SocketOwner& owner) noexcept : owner_(owner), entered_(owner.enter()) {}
+
+SocketOwner::Use::~Use() {
+  if (entered_) owner_.leave();
+}
+
+bool SocketOwner::enter() noexcept {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (state_ != State::Open) {
+    errno = EBADF;
+    return false;
+  }
+  ++users_;
+  return true;
+}
+
+void SocketOwner::leave() noexcept {
+  const int saved = errno;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (--users_ == 0 && state_ == State::Ended) close(fd_);
+  }
+  errno = saved;
+}
+
+void SocketOwner::end() noexcept {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (state_ != State::Open) return;
+  state_ = State::Ended;
+  shutdown(fd_, SHUT_RDWR);  // fails if the peer was faster, which is as good
+  if (users_ == 0) close(fd_);
+}
+
+void SocketOwner::abandon() noexcept {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (state_ == State::Open) state_ = State::Abandoned;
+}
+
+ssize_t SocketOwner::send(const void* data, std::size_t size, int flags) noexcept {
+  const Use use(*this);
+  if (!use) return -1;
+  const auto sendOnce = [&] {
+    ssize_t sent = -1;
+    do {
+      sent = ::send(fd_, data, size, flags);
+    } while (sent == -1 && errno == EINTR);
+    return sent;
+  };
+  if ((flags & MSG_NOSIGNAL) != 0) return sendOnce();
+  const SigpipeGuard guard(SigpipeGuard::Block::AllSignals);
+  const ssize_t sent = sendOnce();
+  if (sent == -1 && errno == EPIPE) {
+    guard.consume();
+    errno = EPIPE;
+  }
+  return sent;
+}
+
+ssize_t SocketOwner::recv(void* buffer, std::size_t size, int flags) noexcept {
+  const Use use(*this);
+  if (!use) return -1;
+  ssize_t received = -1;
+  do {
+    received = ::recv(fd_, buffer, size, flags);
+  } while (received == -1 && errno == EINTR);
+  return received;
+}
+
+int SocketOwner::accept() noexcept {
+  const Use use(*this);
+  if (!use) return -1;
+  int accepted = -1;
+  do {
+    accepted = ::accept(fd_, nullptr, nullptr);
+  } while (accepted == -1 && errno == EINTR);
+  return accepted;
+}
+
+bool SocketOwner::waitReadable(double ms) noexcept {
+  const Use use(*this);
+  if (!use) return true;
+  return pollFor(fd_, POLLIN, ms) != 0;
+}
+
+}  // namespace brix

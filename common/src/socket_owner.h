@@ -1,0 +1,80 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <mutex>
+
+namespace brix {
+
+/// The one owner of a socket descriptor, shared by the threads that use it.
+///
+/// end() shuts the connection down at once, which wakes every blocked call; the descriptor is closed
+/// when the last call has left it. So it is closed exactly once, and no call ever reaches a number
+/// that was given out again. All operations may be called from any thread, in any order, repeatedly.
+class SocketOwner {
+ public:
+  /// Takes the descriptor over and keeps it from child processes.
+  explicit SocketOwner(int fd) noexcept;
+
+  /// Ends the connection.
+  ~SocketOwner();
+
+  SocketOwner(const SocketOwner&) = delete;
+  SocketOwner& operator=(const SocketOwner&) = delete;
+
+  /// Keeps the descriptor open while it lives, unless the connection has ended.
+  class Use {
+   public:
+    explicit Use(SocketOwner& owner) noexcept;
+    ~Use();
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+
+    explicit operator bool() const noexcept { return entered_; }
+    int fd() const noexcept { return owner_.fd_; }
+
+   private:
+    SocketOwner& owner_;
+    bool entered_;
+  };
+
+  /// The descriptor's number, also after the end; for the log only.
+  int number() const noexcept { return fd_; }
+
+  void end() noexcept;
+
+  /// Gives the descriptor up without closing it.
+  void abandon() noexcept;
+
+  /// One send of all bytes; retried if a signal came before any byte went. Never raises SIGPIPE.
+  /// @return as send(2); -1 with EBADF after the end
+  ssize_t send(const void* data, std::size_t size, int flags) noexcept;
+
+  /// One recv; retried if a signal came.
+  /// @return as recv(2); -1 with EBADF after the end
+  ssize_t recv(void* buffer, std::size_t size, int flags) noexcept;
+
+  /// @return the accepted descriptor; -1 on an error and after the end
+  int accept() noexcept;
+
+  /// @return false if `ms` milliseconds passed without anything to read
+  bool waitReadable(double ms) noexcept;
+
+ private:
+  enum class State { Open, Ended, Abandoned };
+
+  bool enter() noexcept;
+  void leave() noexcept;
+
+  const int fd_;
+  std::mutex mutex_;  // innermost
+  State state_;
+  int users_ = 0;
+};
+
+/// Waits for `events` on a descriptor, at most `ms` milliseconds, whatever signals come.
+/// @return as poll(2)
+int pollFor(int fd, short events, double ms) noexcept;
+
+}  // namespace brix

@@ -1,0 +1,52 @@
+#include "stop_signal.h"
+
+#include <unistd.h>
+
+#include <limits>
+
+namespace brix {
+namespace {
+
+// A stop may wait this long for a pause to end by itself: a plain sleep costs less than half of a
+// wait on a condition, and the polling loops pause thousands of times a second.
+constexpr long kPlainPauseUs = 10000;
+
+// A year: beyond every sensible rate, and far from overflow in the clock's arithmetic.
+constexpr double kLongestPauseMs = 365.0 * 24 * 3600 * 1000;
+
+double limited(double ms, double longestMs) noexcept {
+  if (!(ms > 0)) return 0;  // negative or not a number
+  return ms < longestMs ? ms : longestMs;
+}
+
+}  // namespace
+
+long pauseMicros(double ms) noexcept {
+  return static_cast<long>(1000.0 * limited(ms, kLongestPauseMs));
+}
+
+int wholeMs(double ms) noexcept {
+  return static_cast<int>(limited(ms, std::numeric_limits<int>::max()));
+}
+
+void StopSignal::request() noexcept {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    requested_.store(true, std::memory_order_release);
+  }
+  condition_.notify_all();
+}
+
+void StopSignal::wake() noexcept {
+  { std::lock_guard<std::mutex> lock(mutex_); }
+  condition_.notify_all();
+}
+
+bool StopSignal::pauseShort(double ms) noexcept {
+  const long micros = pauseMicros(ms);
+  if (micros > kPlainPauseUs) return false;
+  usleep(static_cast<useconds_t>(micros));
+  return true;
+}
+
+}  // namespace brix

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+namespace brix {
+
+/// Longest time that a wait on a condition goes without testing its predicate again. Flags are set
+/// without the mutex of the wait, so a wake-up may be lost; this bounds what that costs.
+inline constexpr int kRetestMs = 50;
+
+/// Milliseconds as whole microseconds, truncated; a negative value and one that is no number count as
+/// 0, a huge one as the largest pause.
+long pauseMicros(double ms) noexcept;
+
+/// Milliseconds as a whole number, truncated, with the same limits.
+int wholeMs(double ms) noexcept;
+
+/// Asks the threads of one run to stop, and is their only way to pause.
+class StopSignal {
+ public:
+  /// Asks for the stop and ends every pause.
+  void request() noexcept;
+
+  /// Takes the request back, for an object that starts again.
+  void reset() noexcept { requested_.store(false, std::memory_order_release); }
+
+  bool requested() const noexcept { return requested_.load(std::memory_order_acquire); }
+
+  /// Lets every pause test its `interrupted` condition.
+  void wake() noexcept;
+
+  /// Pauses until the time is over or the stop is asked for.
+  void pauseMs(double ms) {
+    pauseMs(ms, [] { return false; });
+  }
+
+  /// As above, ended also by a wake() that finds `interrupted()` true.
+  template <typename Interrupted>
+  void pauseMs(double ms, Interrupted interrupted);
+
+ private:
+  static bool pauseShort(double ms) noexcept;
+
+  std::atomic<bool> requested_{false};
+  std::mutex mutex_;
+  std::condition_variable condition_;
+};
+
+template <typename Interrupted>
+void StopSignal::pauseMs(double ms, Interrupted interrupted) {
+  if (requested() || pauseShort(ms)) return;
+  std::unique_lock<std::mutex> lock(mutex_);
+  condition_.wait_for(lock, std::chrono::microseconds(pauseMicros(ms)),
+                      [&] { return requested() || interrupted(); });
+}
+
+}  // namespace brix

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "stop_signal.h"
+
+namespace brix {
+
+class ThreadUnit;
+
+/// The state of a ThreadUnit, shared by the object, its thread and whoever stops it.
+///
+/// At most one thread runs the loop at any time. The fields keep the names of the unit's state:
+/// running (the loop runs and was not asked to stop), quit, thread, period, name.
+class ThreadLoop {
+ public:
+  ThreadLoop(std::string name, double periodMs) : periodMs_(periodMs), name_(std::move(name)) {}
+
+  bool start(ThreadUnit& unit);
+  void stop();
+  void requestStop();
+  void release();
+  void run(ThreadUnit& unit);
+
+  bool running() const { return running_.load(); }
+  void setPeriod(double periodMs) { periodMs_.store(periodMs); }
+  const std::string& name() const { return name_; }
+
+ private:
+  bool onOwnThread() const;
+  void request();
+  void joinEnded();
+  bool enterLoop();
+  bool leaveLoop();
+
+  std::atomic<bool> running_{false};
+  StopSignal quit_;
+  pthread_t thread_{};
+  std::atomic<double> periodMs_;
+  const std::string name_;
+
+  std::mutex mutex_;  // guards thread_, created_, alive_, restarts_ and every change of running_
+  std::condition_variable changed_;
+  bool created_ = false;  // thread_ is to be joined
+  bool alive_ = false;    // a thread is inside run()
+  long restarts_ = 0;     // stops that were taken back on the loop's own thread
+};
+
+}  // namespace brix

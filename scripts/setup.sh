@@ -1,0 +1,46 @@
+# Sourced by the other scripts: installs what a fresh Debian 12 machine lacks.
+
+# ensure_packages CHECK:PACKAGE... - CHECK is a command name, or the path of a file.
+ensure_packages() {
+  local entry check missing=()
+  for entry in "$@"; do
+    check=${entry%%:*}
+    if [[ $check == /* ]]; then
+      [[ -e $check ]] || missing+=("${entry##*:}")
+    else
+      command -v "$check" >/dev/null || missing+=("${entry##*:}")
+    fi
+  done
+  ((${#missing[@]})) || return 0
+
+  local as_root=()
+  if [[ $(id -u) != 0 ]]; then
+    command -v sudo >/dev/null || {
+      echo "missing: ${missing[*]}; install them as root, or install sudo" >&2
+      return 1
+    }
+    as_root=(sudo)
+  fi
+  echo "== installing: ${missing[*]}"
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# What every build needs.
+setup_build_machine() {
+  ensure_packages g++:g++ cmake:cmake ninja:ninja-build \
+    /usr/include/jsoncpp/json/json.h:libjsoncpp-dev /usr/include/CLI/CLI.hpp:libcli11-dev
+}
+
+# What the tests need beside it.
+setup_test_machine() {
+  setup_build_machine
+  ensure_packages /usr/include/gtest/gtest.h:libgtest-dev pkg-config:pkg-config
+}
+
+# What the further checks need beside it.
+setup_check_machine() {
+  setup_test_machine
+  ensure_packages clang++:clang clang-format:clang-format clang-tidy:clang-tidy git:git
+}

@@ -1,0 +1,46 @@
+/// @file
+/// What a communication client asks of its transport.
+#pragma once
+
+#include <string>
+
+#include "tcp_com_export.h"
+
+namespace brix {
+
+/// A client transport: one connection to one server, raw bytes.
+class TCP_COM_API BasicClientInterface {
+ public:
+  BasicClientInterface();
+  virtual ~BasicClientInterface();
+
+  /// @param timeout  seconds; a transport may have a wait of its own
+  /// @return 1 when connected, anything else is a failure
+  virtual int connectServer(double timeout) = 0;
+
+  /// Sends a text as it stands, without adding a delimiter.
+  virtual void sendMsg(const std::string& msg) = 0;
+
+  /// Sends bytes as they stand. Does nothing in the base.
+  virtual void sendMsg(const char* data, int len);
+
+  /// Ends the connection. A read that blocks on another thread returns.
+  virtual void closeClient() = 0;
+
+  /// Waits for bytes.
+  /// @return one chunk of the stream, or an empty text at its end, on an error or when not connected
+  virtual std::string recieveMsg() = 0;
+
+  /// Waits for at most `len` bytes.
+  /// @return bytes read, 0 at the stream's end or when not connected, -1 on an error; 0 in the base
+  virtual int recieveMsg(char* buf, int len);
+
+  /// Waits until a read would not block, at most `ms` milliseconds.
+  /// @return false if the time passed; true in the base, whose reads may then block
+  virtual bool waitReadable(double ms);
+
+  std::string delimiter;  ///< ends a message; set it before connecting
+  bool logFlag;           ///< whether progress and failures are logged
+};
+
+}  // namespace brix

@@ -1,0 +1,205 @@
+#include "tcp_client.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "atomic_access.h"
+#include "log_macros.h"
+#include "socket_owner.h"
+#include "tcp_address.h"
+
+namespace brix {
+namespace {
+
+constexpr double kConnectWaitMs = 1000;
+constexpr std::size_t kReadBytes = 2 * 1024 * 1024;
+constexpr int kNoSocket = -1;
+constexpr int kConnected = 1;
+constexpr int kFailed = -1;
+
+void setBlocking(int fd, bool blocking) {
+  int nonBlocking = blocking ? 0 : 1;
+  ioctl(fd, FIONBIO, &nonBlocking);  // cannot fail on a socket that is open
+}
+
+/// A thread's read buffer; only the pages that reads touch ever cost memory.
+char* readBuffer() {
+  thread_local const std::unique_ptr<char[]> buffer(new char[kReadBytes]);
+  return buffer.get();
+}
+
+/// Whether the socket is connected to somebody else. A connect that failed at once leaves it
+/// unconnected without an error to read, and a client that polls a closed local port may one day be
+/// given that very port and meet itself.
+bool connectedToPeer(int fd) {
+  sockaddr_in own{};
+  sockaddr_in peer{};
+  socklen_t ownSize = sizeof own;
+  socklen_t peerSize = sizeof peer;
+  if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerSize) != 0) return false;
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&own), &ownSize) != 0) return false;
+  if (own.sin_port != peer.sin_port || own.sin_addr.s_addr != peer.sin_addr.s_addr) return true;
+  errno = ECONNREFUSED;
+  return false;
+}
+
+/// Waits for a connect in progress.
+bool finishConnect(int fd) {
+  const int ready = pollFor(fd, POLLOUT, kConnectWaitMs);
+  if (ready <= 0) {
+    if (ready == 0) errno = ETIMEDOUT;
+    return false;
+  }
+  int error = -1;
+  socklen_t size = sizeof error;
+  getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+  if (error != 0) errno = error;
+  return error == 0;
+}
+
+}  // namespace
+
+TcpClient::TcpClient(const std::string& ip, int port) : serverAddress_(ip), serverPort_(port) {}
+
+TcpClient::~TcpClient() {
+  if (owner_) owner_->abandon();
+}
+
+bool TcpClient::logging() const { return atomicLoad(logFlag); }
+
+std::shared_ptr<SocketOwner> TcpClient::owner() const {
+  std::lock_guard<std::mutex> lock(ownerLock_);
+  return socket_ == kNoSocket ? nullptr : owner_;
+}
+
+void TcpClient::adopt(int fd) {
+  auto next = std::make_shared<SocketOwner>(fd);
+  std::lock_guard<std::mutex> lock(ownerLock_);
+  if (owner_) owner_->abandon();
+  owner_ = std::move(next);
+  socket_ = fd;
+}
+
+// Another thread may have connected anew meanwhile: only the socket that failed is given up.
+void TcpClient::lose(const std::shared_ptr<SocketOwner>& failed) {
+  failed->abandon();
+  std::lock_guard<std::mutex> lock(ownerLock_);
+  if (owner_ == failed) socket_ = kNoSocket;
+}
+
+int TcpClient::connectServer(double /*timeout*/) {
+  if (logging()) {
+    BRIX_LOG_INFO("Attempt to create socket connects to [%s:%d]", serverAddress_.c_str(),
+                  serverPort_);
+  }
+  const int fd = openSocket();
+  if (fd < 0) {
+    socket_ = kNoSocket;
+    return kFailed;
+  }
+  if (logging()) BRIX_LOG_INFO("Connecting server... @%s", serverAddress_.c_str());
+  setBlocking(fd, false);
+  const bool connected = connectSocket(fd);
+  setBlocking(fd, true);
+  if (connected) {
+    adopt(fd);
+    if (logging()) BRIX_LOG_INFO("connect successful");
+    return kConnected;
+  }
+  const int error = errno;
+  close(fd);
+  errno = error;
+  if (logging()) {
+    BRIX_LOG_ERROR("Cannot Connect the server!");
+    BRIX_PRINT_ERRNO("connectServer");
+    socket_ = kNoSocket;
+  }
+  return kFailed;
+}
+
+/// @return a socket with its options set, or -1
+int TcpClient::openSocket() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  if (logging()) BRIX_LOG_INFO("socket_fd %d", fd);
+  if (fd < 0) {
+    if (logging()) BRIX_LOG_INFO("socket create failed! err:%d", errno);
+    BRIX_PRINT_ERRNO("connectServer");
+    return kNoSocket;
+  }
+  if (logging()) BRIX_LOG_INFO("Socket created...");
+  const int noDelay = 1;  // small messages leave at once
+  if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay) != 0) {
+    if (logging()) BRIX_LOG_ERROR("Fail to set socket option socket:%d", fd);
+    BRIX_PRINT_ERRNO("connectServer");
+    return kNoSocket;  // the descriptor stays open: the class has always behaved so
+  }
+  return fd;
+}
+
+bool TcpClient::connectSocket(int fd) const {
+  if (!isPort(serverPort_)) {
+    errno = EINVAL;
+    return false;
+  }
+  sockaddr_in address = socketAddress(serverPort_);
+  inet_pton(AF_INET, serverAddress_.c_str(), &address.sin_addr);  // unparsable: stays zero
+  const bool atOnce =
+      ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != -1;
+  const int connectError = errno;
+  if (!atOnce && !finishConnect(fd)) return false;
+  if (connectedToPeer(fd)) return true;
+  if (!atOnce && connectError != EINPROGRESS) errno = connectError;  // it says why
+  return false;
+}
+
+void TcpClient::sendMsg(const std::string& msg) {
+  const auto socket = owner();
+  if (!socket) return;
+  const ssize_t sent = socket->send(msg.data(), msg.size(), MSG_NOSIGNAL);
+  if (sent >= 0) return;
+  if (logging()) BRIX_LOG_ERROR("send failed %d.", static_cast<int>(sent));
+  lose(socket);
+}
+
+void TcpClient::sendMsg(const char* data, int len) {
+  const auto socket = owner();
+  if (!socket || data == nullptr || len < 0) return;
+  socket->send(data, static_cast<std::size_t>(len), MSG_NOSIGNAL);  // the next read shows a failure
+}
+
+void TcpClient::closeClient() {
+  if (const auto socket = owner()) socket->end();
+}
+
+std::string TcpClient::recieveMsg() {
+  const auto socket = owner();
+  if (!socket) {
+    receivedTexts_.clear();
+    return std::string();
+  }
+  char* const buffer = readBuffer();
+  const ssize_t received = socket->recv(buffer, kReadBytes, MSG_NOSIGNAL);
+  if (received < 1) return std::string();
+  return std::string(buffer, static_cast<std::size_t>(received));
+}
+
+int TcpClient::recieveMsg(char* buf, int len) {
+  const auto socket = owner();
+  if (!socket) return 0;
+  if (buf == nullptr || len < 0) return kFailed;
+  return static_cast<int>(socket->recv(buf, static_cast<std::size_t>(len), MSG_NOSIGNAL));
+}
+
+bool TcpClient::waitReadable(double ms) {
+  const auto socket = owner();
+  return !socket || socket->waitReadable(ms);
+}
+
+}  // namespace brix

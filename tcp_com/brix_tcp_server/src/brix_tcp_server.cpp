@@ -1,0 +1,151 @@
+#include "brix_tcp_server.h"
+
+#include <utility>
+
+#include "log_macros.h"
+#include "server_state.h"
+#include "thread_mark.h"
+#include "worker_thread.h"
+
+namespace brix {
+namespace {
+
+constexpr int kStarted = 1;
+
+}  // namespace
+
+BrixTcpServer::BrixTcpServer() : state_(std::make_shared<State>(this)) {}
+
+BrixTcpServer::~BrixTcpServer() {
+  terminateServer();
+  state_->release();
+}
+
+int BrixTcpServer::initialize(int port) {
+  state_->start(port);
+  return kStarted;
+}
+
+void BrixTcpServer::terminateServer() {
+  const auto state = state_;
+  state->terminate();
+}
+
+void BrixTcpServer::registerConnectionListener(std::function<void(bool)> listener) {
+  state_->connectionListener = std::move(listener);
+}
+
+void BrixTcpServer::registerMsgListener(std::function<void(const std::string&)> listener) {
+  state_->msgListener = std::move(listener);
+}
+
+void BrixTcpServer::sendMsg(const std::string& msg) { state_->sendQueue.push(msg + delimiter); }
+
+bool BrixTcpServer::releaseAble() { return state_->releaseAble(); }
+
+int BrixTcpServer::listeningPort() const {
+  std::lock_guard<std::mutex> lock(state_->listenLock);
+  return state_->listeningPort;
+}
+
+bool BrixTcpServer::waitUntilListening(double timeoutMs) const {
+  const auto state = state_;
+  std::unique_lock<std::mutex> lock(state->listenLock);
+  state->listenChanged.wait_for(lock, std::chrono::microseconds(pauseMicros(timeoutMs)), [&] {
+    return state->listeningPort != 0 || state->listenFailed || state->quit.requested();
+  });
+  return state->listeningPort != 0;
+}
+
+void BrixTcpServer::waitForConnectionThreadFunc(int port) { state_->acceptLoop(port); }
+void BrixTcpServer::creatSocketHandle(int socket) { state_->createHandler(socket); }
+void BrixTcpServer::popSocketHandle(int id) { state_->popSocketHandle(id); }
+void BrixTcpServer::recieveMsgCallback(const std::string& msg) { state_->recvQueue.push(msg); }
+void BrixTcpServer::connectionNotify(bool connected) { state_->connectionNotify(connected); }
+void BrixTcpServer::minitorThread() { state_->monitorLoop(); }
+void BrixTcpServer::sendMsgThreadFunc() { state_->sendLoop(); }
+void BrixTcpServer::recieveMsgThreadFunc() { state_->recvLoop(); }
+
+void BrixTcpServer::State::start(int port) {
+  if (ThreadMark::standsFor(this)) {
+    BRIX_LOG_ERROR("tcp server runs already, port %d not opened", port);
+    return;
+  }
+  std::lock_guard<std::mutex> lock(lifecycleLock);
+  if (quit.requested()) joinWorkers();  // left over from a stop on one of these threads
+  if (acceptThread.joinable() || monitorThread.joinable()) {
+    BRIX_LOG_ERROR("tcp server runs already, port %d not opened", port);
+    return;
+  }
+  startWorkers(port);
+  BRIX_LOG_INFO("tcp server init, port %d", port);
+}
+
+void BrixTcpServer::State::startWorkers(int port) {
+  const auto state = shared_from_this();
+  if (!startThread(acceptThread, "accept thread", [state, port] { state->acceptLoop(port); })) {
+    publishListening(true, 0);
+  }
+  startThread(sendThread, "send thread", [state] { state->sendLoop(); });
+  startThread(recvThread, "recieve thread", [state] { state->recvLoop(); });
+  startThread(monitorThread, "monitor thread", [state] { state->monitorLoop(); });
+}
+
+// Stop sequence: 1. log; 2. quit flag, wake the pumps; 3. end every connection, which frees a send
+// that is stuck on one; 4. end the listening socket, which ends the accept; 5. join accept, send and
+// receive thread; 6. wake and join the monitor. On one of these threads only 1 to 4: waiting there
+// would mean waiting for itself, or for a thread that waits for a lock held here.
+void BrixTcpServer::State::terminate() {
+  BRIX_LOG_INFO("tcp server terminated, base socket id %d", listenNumber.load());
+  quit.request();
+  pumpCondition.notify_all();
+  terminateHandlers();
+  endListening();
+  if (ThreadMark::standsFor(this)) return;
+  std::lock_guard<std::mutex> lock(lifecycleLock);
+  joinWorkers();
+}
+
+void BrixTcpServer::State::joinWorkers() {
+  joinIfJoinable(acceptThread);
+  terminateHandlers();  // a client may have come in between the first round and the socket's end
+  joinIfJoinable(sendThread);
+  joinIfJoinable(recvThread);
+  connectionCondition.notify_all();
+  joinIfJoinable(monitorThread);
+}
+
+// The server goes away. The handlers end before the members that their callbacks use. Destroyed on one
+// of its own threads, it leaves this state to them.
+void BrixTcpServer::State::release() {
+  {
+    std::lock_guard<std::mutex> lock(selfLock);
+    self = nullptr;
+  }
+  if (ThreadMark::standsFor(this)) {
+    const std::unique_lock<std::mutex> lock(lifecycleLock, std::try_to_lock);
+    if (!lock) return;  // somebody is joining them
+    for (std::thread* thread : {&acceptThread, &sendThread, &recvThread, &monitorThread}) {
+      detachIfJoinable(*thread);
+    }
+    return;
+  }
+  std::map<int, std::shared_ptr<TcpServerHandler>> ended;
+  std::lock_guard<std::mutex> lock(mapLock);
+  ended.swap(connections);
+}
+
+bool BrixTcpServer::State::releaseAble() const {
+  const char* missing = nullptr;
+  if (!acceptEnded) {
+    missing = "wait_connection_thread not standby";
+  } else if (!sendEnded) {
+    missing = "send msg thread not standby";
+  } else if (!recvEnded) {
+    missing = "recieve msg thread not standby";
+  }
+  if (missing != nullptr) BRIX_LOG_INFO(missing);
+  return missing == nullptr;
+}
+
+}  // namespace brix

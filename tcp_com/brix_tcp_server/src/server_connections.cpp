@@ -1,0 +1,195 @@
+// The server's accept and monitor threads: connections come and go.
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "callback_guard.h"
+#include "log_macros.h"
+#include "server_state.h"
+#include "tcp_address.h"
+#include "thread_mark.h"
+
+namespace brix {
+namespace {
+
+constexpr double kAcceptPauseMs = 10;
+constexpr int kBacklog = 5;
+
+}  // namespace
+
+void BrixTcpServer::State::acceptLoop(int port) {
+  const ThreadMark mark(this);
+  const std::shared_ptr<SocketOwner> listener = openListener(port);
+  if (!listener) {
+    publishListening(true, 0);
+    return;  // acceptEnded stays false: releaseAble() tells of a server that never listened
+  }
+  while (!quit.requested()) {
+    quit.pauseMs(kAcceptPauseMs);
+    BRIX_LOG_INFO("tcp server waiting for client on port %d, base socket %d...", port,
+                  listener->number());
+    const int socket = listener->accept();
+    if (socket >= 0) guarded("creatSocketHandle", [&] { createHandler(socket); });
+  }
+  BRIX_LOG_INFO("tcp server exit");
+  endListening();
+  acceptEnded = true;
+}
+
+std::shared_ptr<SocketOwner> BrixTcpServer::State::openListener(int port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  if (fd < 0) {
+    BRIX_LOG_INFO("Socket error");
+    return nullptr;
+  }
+  auto socket = std::make_shared<SocketOwner>(fd);
+  const SocketOwner::Use use(*socket);
+  {
+    std::lock_guard<std::mutex> lock(listenLock);
+    listenSocket = socket;
+    listenNumber = fd;
+  }
+  return bindAndListen(*socket, port) ? socket : nullptr;
+}
+
+bool BrixTcpServer::State::bindAndListen(SocketOwner& socket, int port) {
+  const int fd = socket.number();
+  const int reuse = 1;  // a restarted controller gets its port back at once
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+  sockaddr_in address = socketAddress(port);
+  auto* const raw = reinterpret_cast<sockaddr*>(&address);
+  if (!isPort(port) || bind(fd, raw, sizeof address) != 0) {
+    BRIX_LOG_INFO("Unable to bind");
+    return false;
+  }
+  if (listen(fd, kBacklog) != 0) {
+    BRIX_LOG_INFO("Listen error");
+    return false;
+  }
+  socklen_t size = sizeof address;
+  getsockname(fd, raw, &size);  // the port that the kernel chose, if it was asked to
+  publishListening(false, ntohs(address.sin_port));
+  return true;
+}
+
+void BrixTcpServer::State::publishListening(bool failed, int port) {
+  {
+    std::lock_guard<std::mutex> lock(listenLock);
+    listenFailed = failed;
+    listeningPort = quit.requested() ? 0 : port;
+  }
+  listenChanged.notify_all();
+}
+
+void BrixTcpServer::State::endListening() {
+  std::shared_ptr<SocketOwner> socket;
+  {
+    std::lock_guard<std::mutex> lock(listenLock);
+    socket = listenSocket;
+    listeningPort = 0;
+  }
+  listenChanged.notify_all();
+  if (socket) socket->end();
+}
+
+// The handler is held back until it stands in the map with its callbacks: neither its first message
+// nor its end can come too early.
+void BrixTcpServer::State::createHandler(int socket) {
+  const int id = ++idCounter;
+  std::shared_ptr<TcpServerHandler> handler;
+  const bool made = guarded("connection handler", [&] {
+    handler = std::make_shared<TcpServerHandler>(
+        socket, id, wholeMs(rate(&BasicServerInterface::recvRate)), HandlerStart::Held);
+  });
+  if (!made) close(socket);
+  if (!made || !handler->started()) return;
+  const std::weak_ptr<State> weak = weak_from_this();
+  handler->msgCallback = [weak](const std::string& msg) {
+    if (const auto state = weak.lock()) state->recvQueue.push(msg);
+  };
+  handler->quitCallback = [weak](int ended) {
+    if (const auto state = weak.lock()) state->popSocketHandle(ended);
+  };
+  handler->delimiter = ownDelimiter();
+  insertHandler(id, handler);
+  handler->release();
+  if (quit.requested()) handler->terminate();
+}
+
+void BrixTcpServer::State::insertHandler(int id, const std::shared_ptr<TcpServerHandler>& handler) {
+  std::lock_guard<std::mutex> lock(connectionLock);
+  {
+    std::lock_guard<std::mutex> mapGuard(mapLock);
+    connections[id] = handler;
+  }
+  connectionNotify(true);
+}
+
+void BrixTcpServer::State::connectionNotify(bool value) {
+  guarded("connection listener", [&] { connectionListener(value); });
+  std::lock_guard<std::mutex> recvGuard(recvLock);
+  std::lock_guard<std::mutex> sendGuard(sendLock);
+  if (!value) {
+    recvQueue.clear();
+    sendQueue.clear();
+  }
+  connected = value;
+  pumpCondition.notify_all();
+}
+
+void BrixTcpServer::State::popSocketHandle(int id) {
+  std::lock_guard<std::mutex> lock(connectionLock);
+  quitIds.push_back(id);
+  connectionCondition.notify_all();
+}
+
+void BrixTcpServer::State::monitorLoop() {
+  const ThreadMark mark(this);
+  while (!quit.requested()) {
+    std::unique_lock<std::mutex> lock(connectionLock);
+    while (quitIds.empty()) {
+      if (quit.requested()) return;
+      connectionCondition.wait_for(lock, std::chrono::milliseconds(kRetestMs));
+    }
+    for (const int id : quitIds) removeConnection(id);
+    quitIds.clear();
+  }
+}
+
+// The handler is destroyed here, with its finished thread, unless the send pump still holds it.
+void BrixTcpServer::State::removeConnection(int id) {
+  std::shared_ptr<TcpServerHandler> removed;
+  std::size_t remaining = 0;
+  {
+    std::lock_guard<std::mutex> lock(mapLock);
+    const auto entry = connections.find(id);
+    if (entry != connections.end()) {
+      removed = std::move(entry->second);
+      connections.erase(entry);
+    }
+    remaining = connections.size();
+  }
+  if (removed) {
+    removed.reset();
+    BRIX_LOG_INFO("%csocket %d quit, remain connection counts %d", "red", id,
+                  static_cast<int>(remaining));
+  }
+  if (remaining == 0) connectionNotify(false);
+}
+
+std::vector<std::shared_ptr<TcpServerHandler>> BrixTcpServer::State::handlers() const {
+  std::vector<std::shared_ptr<TcpServerHandler>> copy;
+  std::lock_guard<std::mutex> lock(mapLock);
+  copy.reserve(connections.size());
+  for (const auto& connection : connections) copy.push_back(connection.second);
+  return copy;
+}
+
+void BrixTcpServer::State::terminateHandlers() const {
+  for (const auto& handler : handlers()) handler->terminate();
+}
+
+}  // namespace brix

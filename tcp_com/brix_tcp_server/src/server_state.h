@@ -1,0 +1,109 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "brix_tcp_server.h"
+#include "callback_slot.h"
+#include "data_queue.h"
+#include "socket_owner.h"
+#include "stop_signal.h"
+
+namespace brix {
+
+/// What the server shares with its threads: a listener on one of them may destroy the server.
+///
+/// Lock order: lifecycleLock; connectionLock, recvLock, sendLock; then the innermost ones, which are
+/// never held while another lock is taken or anything is called: mapLock, selfLock, listenLock, the
+/// queues' and slots' own locks.
+struct BrixTcpServer::State : std::enable_shared_from_this<State> {
+  explicit State(BasicServerInterface* owner) : self(owner) {}
+
+  /// One direction's pump.
+  struct Pump {
+    const char* onText;
+    const char* delayText;
+    const char* exitText;
+    double BasicServerInterface::*rate;
+    DataQueue<std::string>& queue;
+    std::mutex& lock;
+    std::atomic<bool>& ended;
+    void (State::*deliver)(const std::string& msg);
+  };
+
+  void start(int port);
+  void startWorkers(int port);
+  void terminate();
+  void joinWorkers();
+  void release();
+  void sendToClients(const std::string& msg);
+  bool releaseAble() const;
+
+  void acceptLoop(int port);
+  std::shared_ptr<SocketOwner> openListener(int port);
+  bool bindAndListen(SocketOwner& socket, int port);
+  void publishListening(bool failed, int port);
+  void createHandler(int socket);
+  void insertHandler(int id, const std::shared_ptr<TcpServerHandler>& handler);
+  void connectionNotify(bool value);
+
+  void monitorLoop();
+  void removeConnection(int id);
+  void popSocketHandle(int id);
+
+  void sendLoop();
+  void recvLoop();
+  void pumpLoop(const Pump& pump);
+  bool waitUntilConnected(std::unique_lock<std::mutex>& lock);
+  void pumpOne(const Pump& pump);
+  void passToListener(const std::string& msg);
+  void passToHandlers(const std::string& msg);
+
+  double rate(double BasicServerInterface::*field) const;
+  std::string ownDelimiter() const;
+  std::vector<std::shared_ptr<TcpServerHandler>> handlers() const;
+  void terminateHandlers() const;
+  void endListening();
+
+  std::atomic<int> idCounter{0};
+  std::atomic<int> listenNumber{-1};
+  std::map<int, std::shared_ptr<TcpServerHandler>> connections;  // connectionLock and mapLock
+  std::vector<int> quitIds;                                      // connectionLock
+  std::mutex connectionLock;
+  std::condition_variable connectionCondition;
+  [[maybe_unused]] int reserved = 0;
+  StopSignal quit;
+  DataQueue<std::string> sendQueue;
+  DataQueue<std::string> recvQueue;
+  CallbackSlot<void(bool)> connectionListener;
+  CallbackSlot<void(const std::string&)> msgListener;
+  std::thread acceptThread;  // lifecycleLock, as the three below
+  std::thread sendThread;
+  std::thread recvThread;
+  std::thread monitorThread;
+  std::atomic<bool> acceptEnded{false};
+  std::atomic<bool> sendEnded{false};
+  std::atomic<bool> recvEnded{false};
+  std::atomic<bool> connected{false};
+  std::mutex recvLock;
+  std::mutex sendLock;
+  std::condition_variable_any pumpCondition;  // waited on with two different locks
+
+  std::mutex lifecycleLock;
+  mutable std::mutex mapLock;
+  mutable std::mutex selfLock;
+  BasicServerInterface* self;  // selfLock; null once the server is gone
+  mutable std::mutex listenLock;
+  mutable std::condition_variable listenChanged;
+  std::shared_ptr<SocketOwner> listenSocket;  // listenLock, as the two below
+  int listeningPort = 0;
+  bool listenFailed = false;
+};
+
+}  // namespace brix
