@@ -25,10 +25,10 @@ namespace brix {
 /// - the thread that connects (true) or disconnects (false; the unit's thread "com_client" when the
 ///   link has gone silent): the connection listener.
 /// A callback may send, connect, disconnect, set modes and destroy the client: there these only ask
-/// the client's threads to end and do not wait for them. `connect` and `disConnect` inside a callback
-/// give way when another thread is doing the same. Changing the listeners from inside a listener
-/// blocks that listener until the client disconnects, on purpose, with a log line. What a callback
-/// throws is logged, and the delivery goes on.
+/// the client's threads to end and do not wait for them. `connect` and `disConnect` inside a
+/// callback give way when another thread is doing the same. Changing the listeners from inside a
+/// listener blocks that listener until the client disconnects, on purpose, with a log line. What a
+/// callback throws is logged, and the delivery goes on.
 class TCP_COM_API CommunicationClient : public ThreadUnit {
  public:
   CommunicationClient();
@@ -51,12 +51,12 @@ class TCP_COM_API CommunicationClient : public ThreadUnit {
   /// Sets the pause of receiving and delivery in milliseconds; default 0.5.
   void setRecvRate(double rate);
 
-  /// True (default): texts are queued, framed and sent by a thread. False: they are sent at once, as
-  /// they stand, without a delimiter, on purpose. Turning it off ends the sending thread.
+  /// True (default): texts are queued, framed and sent by a thread. False: they are sent at once,
+  /// as they stand, without a delimiter, on purpose. Turning it off ends the sending thread.
   void setSendMode(bool queued);
 
-  /// True (default): messages are received and delivered. Turning it off stops all reading. Turning a
-  /// mode on takes effect at the next connect.
+  /// True (default): messages are received and delivered. Turning it off stops all reading. Turning
+  /// a mode on takes effect at the next connect.
   void setBroadcastMode(bool receiving);
 
   /// True (default): a heartbeat every 2.5 s, warnings for each second of silence, and a disconnect
@@ -78,15 +78,16 @@ class TCP_COM_API CommunicationClient : public ThreadUnit {
   /// Connects and starts the threads.
   /// @param ip, port  only logged, on purpose: the transport holds its address
   /// @param timeout  passed to the transport
-  /// @return 1 when connected, also when it was already; -1 without a transport, when a thread could
+  /// @return 1 when connected, also when it was already; -1 without a transport, when a thread
+  /// could
   ///   not be started or something threw; otherwise the transport's result
   int connect(const std::string& ip, int port, double timeout);
 
   /// @return whether the client is connected
   bool isConnected();
 
-  /// Disconnects and drops what was queued. An unfinished message stays and is continued by the next
-  /// connection, on purpose. Returns within 100 ms plus what a running callback takes.
+  /// Disconnects and drops what was queued. An unfinished message stays and is continued by the
+  /// next connection, on purpose. Returns within 100 ms plus what a running callback takes.
   void disConnect();
 
   /// @return 1 when queued or handed to the transport, -1 when not connected, 0 after an exception

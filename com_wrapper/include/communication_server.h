@@ -21,16 +21,16 @@ namespace brix {
 /// - the transport's accept and monitor threads, under the state lock: the connection listener;
 /// - the broadcast thread, under the state lock: the broadcast function;
 /// - the thread that sends: the sent-message observer.
-/// A callback may call every operation, among them `terminate()` and the destructor: there they only
-/// ask the threads to end and return without waiting. The one exception: outside the broadcast thread
-/// a second `registerBroadcastFunc` waits, see there. What a callback throws is logged by the thread
-/// that runs it, and the thread goes on.
+/// A callback may call every operation, among them `terminate()` and the destructor: there they
+/// only ask the threads to end and return without waiting. The one exception: outside the broadcast
+/// thread a second `registerBroadcastFunc` waits, see there. What a callback throws is logged by
+/// the thread that runs it, and the thread goes on.
 class TCP_COM_API CommunicationServer {
  public:
   CommunicationServer();
 
-  /// `terminate()`, then joins the broadcast thread; returns when no callback runs any more. Inside a
-  /// callback it does not wait.
+  /// `terminate()`, then joins the broadcast thread; returns when no callback runs any more. Inside
+  /// a callback it does not wait.
   ~CommunicationServer();
 
   CommunicationServer(const CommunicationServer&) = delete;
@@ -54,8 +54,8 @@ class TCP_COM_API CommunicationServer {
   /// Sets the transport's receive period in milliseconds.
   void setRecvRate(double rate);
 
-  /// Sets the broadcast period in milliseconds, from the next cycle on; refused with a log line if it
-  /// is shorter than the send period.
+  /// Sets the broadcast period in milliseconds, from the next cycle on; refused with a log line if
+  /// it is shorter than the send period.
   void setBroadcastRate(double rate);
 
   /// Sets the function whose text goes to all clients every `rate` milliseconds while anyone is
@@ -64,8 +64,8 @@ class TCP_COM_API CommunicationServer {
   /// it takes over at once.
   void registerBroadcastFunc(std::function<std::string()> func, double rate);
 
-  /// Replaces the request handler: it gets each message, and the text it returns, unless empty, goes
-  /// to all clients. With none, messages are dropped.
+  /// Replaces the request handler: it gets each message, and the text it returns, unless empty,
+  /// goes to all clients. With none, messages are dropped.
   void registerRawDataBroadcastFunc(std::function<std::string(const std::string&)> func);
 
   /// Replaces the connection listener: true for each client that arrives, false when none is left.
@@ -75,7 +75,8 @@ class TCP_COM_API CommunicationServer {
   /// While one is set, broadcasting goes on without a client.
   void registerSentMsgObserver(std::function<void(const std::string&)> observer);
 
-  /// Sends a text to all clients; an empty one is ignored. Nothing is sent while nobody is connected.
+  /// Sends a text to all clients; an empty one is ignored. Nothing is sent while nobody is
+  /// connected.
   void sendMsg(const std::string& msg);
 
   /// @name Steps of the threads

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "atomic_access.h"
-#include "client_state.h"
+#include "communication_client_state.h"
 #include "log_macros.h"
 
 namespace brix {
@@ -47,14 +47,18 @@ void CommunicationClient::setRecvRate(double rate) {
   setPeriod(rate);
 }
 
-void CommunicationClient::setSendMode(bool queued) { state_->setSendMode(queued); }
+void CommunicationClient::setSendMode(bool queued) {
+  state_->setSendMode(queued);
+}
 
 void CommunicationClient::setBroadcastMode(bool receiving) {
   const auto state = state_;
   state->setBroadcastMode(receiving);
 }
 
-void CommunicationClient::setHeartbeatMode(bool beating) { state_->setHeartbeatMode(beating); }
+void CommunicationClient::setHeartbeatMode(bool beating) {
+  state_->setHeartbeatMode(beating);
+}
 
 void CommunicationClient::attachListener(iRecieveListener* listener) {
   const auto state = state_;
@@ -86,16 +90,22 @@ int CommunicationClient::connect(const std::string& ip, int port, double timeout
   return state->connect(*this, ip, port, timeout);
 }
 
-bool CommunicationClient::isConnected() { return state_->connected; }
+bool CommunicationClient::isConnected() {
+  return state_->connected;
+}
 
 void CommunicationClient::disConnect() {
   const auto state = state_;
   state->disConnect();
 }
 
-int CommunicationClient::sendMsg(const std::string& msg) { return state_->send(msg); }
+int CommunicationClient::sendMsg(const std::string& msg) {
+  return state_->send(msg);
+}
 
-int CommunicationClient::sendMsg(const char* data, int len) { return state_->sendBytes(data, len); }
+int CommunicationClient::sendMsg(const char* data, int len) {
+  return state_->sendBytes(data, len);
+}
 
 int CommunicationClient::sendRequest(const Json::Value& request) {
   return state_->sendRequest(request);

@@ -35,10 +35,10 @@ using FunctionList = std::vector<std::shared_ptr<const Function>>;
 /// the server.
 ///
 /// Lock order: the transport's connection lock, then stateLock; the transport's receive lock, then
-/// rawDataLock. These two are never held together. Both are recursive so that a callback may replace
-/// itself. lifecycleLock comes before all of them.
+/// rawDataLock. These two are never held together. Both are recursive so that a callback may
+/// replace itself. lifecycleLock comes before all of them.
 struct CommunicationServer::State : std::enable_shared_from_this<State> {
-  void setServerHandle(std::shared_ptr<BasicServerInterface> handle);
+  void setServerHandle(const std::shared_ptr<BasicServerInterface>& handle);
   void terminate();
   void release();
   void setSendRate(double rate);
@@ -57,7 +57,7 @@ struct CommunicationServer::State : std::enable_shared_from_this<State> {
   std::atomic<bool> quit{false};
   ValueSlot<std::shared_ptr<BasicServerInterface>> serverHandle;
   std::recursive_mutex rawDataLock;
-  FunctionList<RawDataFunc> rawDataFuncs;               // rawDataLock
+  FunctionList<RawDataFunc> rawDataFuncs;                // rawDataLock
   FunctionList<ConnectionListener> connectionListeners;  // stateLock
   std::atomic<bool> connected{false};  // changed under stateLock, and by terminate()
   CallbackSlot<std::string()> broadcastFunc;
@@ -72,7 +72,8 @@ struct CommunicationServer::State : std::enable_shared_from_this<State> {
 
   std::mutex lifecycleLock;
   ValueSlot<std::shared_ptr<StopSignal>> broadcastRun;  // stops the broadcast thread of one start
-  ValueSlot<std::shared_ptr<BasicServerInterface>> toTerminate;  // asked for by the broadcast thread
+  ValueSlot<std::shared_ptr<BasicServerInterface>>
+      toTerminate;    // asked for by the broadcast thread
   DeliveryGate gate;  // the transport's deliveries
 };
 
@@ -84,11 +85,12 @@ CommunicationServer::~CommunicationServer() {
 }
 
 void CommunicationServer::setServerHandle(std::shared_ptr<BasicServerInterface> handle) {
-  state_->setServerHandle(std::move(handle));
+  state_->setServerHandle(handle);
 }
 
 // The transport may outlive this server: its listeners hold the state only while they run.
-void CommunicationServer::State::setServerHandle(std::shared_ptr<BasicServerInterface> handle) {
+void CommunicationServer::State::setServerHandle(
+    const std::shared_ptr<BasicServerInterface>& handle) {
   serverHandle = handle;
   if (!handle) return;
   const std::weak_ptr<State> weak = weak_from_this();
@@ -121,9 +123,9 @@ void CommunicationServer::terminate() {
   state->terminate();
 }
 
-// Stop sequence: 1. quit flag, which ends the broadcast thread's pause; 2. wake its wait; 3. stop the
-// transport. The broadcast thread itself holds the state lock, for which the transport's threads may
-// be waiting: it does 3 when its function has returned.
+// Stop sequence: 1. quit flag, which ends the broadcast thread's pause; 2. wake its wait; 3. stop
+// the transport. The broadcast thread itself holds the state lock, for which the transport's
+// threads may be waiting: it does 3 when its function has returned.
 void CommunicationServer::State::terminate() {
   quit = true;
   if (const auto run = broadcastRun.load()) run->request();
@@ -151,7 +153,9 @@ void CommunicationServer::State::release() {
   }
 }
 
-void CommunicationServer::setSendRate(double rate) { state_->setSendRate(rate); }
+void CommunicationServer::setSendRate(double rate) {
+  state_->setSendRate(rate);
+}
 
 void CommunicationServer::State::setSendRate(double rate) {
   const auto handle = serverHandle.load();
@@ -178,7 +182,8 @@ void CommunicationServer::setRecvRate(double rate) {
 void CommunicationServer::setBroadcastRate(double rate) {
   const double sendRate = state_->sendRate;
   if (sendRate > rate) {
-    BRIX_LOG_ERROR("broadcast rate %f ms less than send rate %f ms, set invalid...", rate, sendRate);
+    BRIX_LOG_ERROR("broadcast rate %f ms less than send rate %f ms, set invalid...", rate,
+                   sendRate);
     return;
   }
   state_->broadcastRate = rate;
@@ -232,7 +237,9 @@ void CommunicationServer::registerSentMsgObserver(
   state_->connectionCondition.notify_all();
 }
 
-void CommunicationServer::sendMsg(const std::string& msg) { state_->sendMsg(msg); }
+void CommunicationServer::sendMsg(const std::string& msg) {
+  state_->sendMsg(msg);
+}
 
 void CommunicationServer::State::sendMsg(const std::string& msg) {
   if (msg.empty()) return;

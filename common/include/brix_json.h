@@ -19,8 +19,8 @@ namespace brix_json {
 /// May be called from any thread.
 TCP_COM_API std::string toStrWithoutIndentation(const Json::Value& root, int precision);
 
-/// The precision of every number in a message: 6 significant digits, on purpose fewer than JsonCpp's
-/// default.
+/// The precision of every number in a message: 6 significant digits, on purpose fewer than
+/// JsonCpp's default.
 inline constexpr int kPrecision = 6;
 
 /// Reads a text up to its first NUL.

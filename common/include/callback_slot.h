@@ -42,8 +42,8 @@ class ValueSlot {
 template <typename Signature>
 class CallbackSlot;
 
-/// A callback that may be replaced at any time, also from inside itself: a running call goes on with
-/// the function that it started with. No lock is held while the function runs.
+/// A callback that may be replaced at any time, also from inside itself: a running call goes on
+/// with the function that it started with. No lock is held while the function runs.
 template <typename Result, typename... Args>
 class CallbackSlot<Result(Args...)> {
  public:

@@ -26,53 +26,53 @@ enum class LogLevel {
 
 // One row a code, so that numbers and names cannot part. The gaps and the out-of-order values are
 // on purpose: other processes of the kit see the numbers.
-#define BRIX_ERROR_CODES(X)                 \
-  X(ERR_NONE, 0)                            \
-  X(ERR_ENCRYPTION, 1)                      \
-  X(ERR_PROGRAM_CODE, 2)                    \
-  X(ERR_SYSTEM_CONFIG, 3)                   \
-  X(ERR_SYSTEM_EXECUTION, 4)                \
-  X(ERR_COMMUNICATION, 5)                   \
-  X(ERR_EXTRA_ARM_COMMUNICATION, 200)       \
-  X(ERR_FORCE_SENSOR_OPERATION, 20)         \
-  X(ERR_EMERGENCY_STOP, 6)                  \
-  X(ERR_MODE_REQUEST, 7)                    \
-  X(ERR_MOTION_SPEED_EXCEED, 8)             \
-  X(ERR_JOINT_LIMIT_EXCEED, 9)              \
-  X(ERR_CMD_UNMATCH, 10)                    \
-  X(ERR_BRIX_REMOTE_REQUEST, 11)            \
-  X(ERR_BRIX_TASK_BROADCAST, 12)            \
-  X(ERR_COMPENSATOR_EXECUTION, 14)          \
-  X(ERR_INTERPOLATOR_PLAN, 15)              \
-  X(ERR_INTERPOLATOR_EXECUTION, 16)         \
-  X(ERR_KINEMATICS_ERROR, 17)               \
-  X(ERR_DYNAMICS_ERROR, 18)                 \
-  X(ERR_EXTRA_ARM_OPERATION, 201)           \
-  X(ERR_EXTRA_ARM_STATE, 202)               \
-  X(ERR_EXTRA_ARM_COLLISION, 206)           \
-  X(ERR_FORCE_SENSOR_THRESHOLD_EXCEED, 21)  \
-  X(ERR_AUTO_PLAN_FAILED, 3201)             \
-  X(ERR_COMPUTE_JACOBIAN, 3202)             \
-  X(ERR_PLAN_SCENCE_ERROR, 3203)            \
-  X(ERR_CHOMP_ERROR, 3204)                  \
-  X(ERR_OMPL_ERROR, 3205)                   \
-  X(ERR_COLLISION_DETECT, 3206)             \
-  X(ERR_DISTANCE_FIELD, 3207)               \
-  X(ERR_ROBOT_MODEL_CONFIG_ERROR, 3208)     \
-  X(ERR_ROBOT_MODEL, 3209)                  \
-  X(ERR_ROBOT_STATE, 3210)                  \
-  X(ERR_TRANSFORMS, 3211)                   \
-  X(ERR_MOTION_PLANNING_CONTEXT, 3212)      \
-  X(ERR_KINEMATIC_CONSTRAINTS, 3213)        \
-  X(ERR_TASK_JSON_FILE, 3501)               \
-  X(ERR_DATA_JSON_FILE, 3502)               \
-  X(ERR_DATA_MATCH, 3503)                   \
-  X(ERR_TASK_PLAN, 3504)                    \
-  X(ERR_REMOTE_REQUEST, 3505)               \
-  X(ERR_TASK_BROADCAST, 3506)               \
-  X(ERR_TASK_EXECUTION, 13)                 \
-  X(ERR_MATCH_ONLINE, 3507)                 \
-  X(ERR_CM_UPDATE_ENV, 3508)                \
+#define BRIX_ERROR_CODES(X)                \
+  X(ERR_NONE, 0)                           \
+  X(ERR_ENCRYPTION, 1)                     \
+  X(ERR_PROGRAM_CODE, 2)                   \
+  X(ERR_SYSTEM_CONFIG, 3)                  \
+  X(ERR_SYSTEM_EXECUTION, 4)               \
+  X(ERR_COMMUNICATION, 5)                  \
+  X(ERR_EXTRA_ARM_COMMUNICATION, 200)      \
+  X(ERR_FORCE_SENSOR_OPERATION, 20)        \
+  X(ERR_EMERGENCY_STOP, 6)                 \
+  X(ERR_MODE_REQUEST, 7)                   \
+  X(ERR_MOTION_SPEED_EXCEED, 8)            \
+  X(ERR_JOINT_LIMIT_EXCEED, 9)             \
+  X(ERR_CMD_UNMATCH, 10)                   \
+  X(ERR_BRIX_REMOTE_REQUEST, 11)           \
+  X(ERR_BRIX_TASK_BROADCAST, 12)           \
+  X(ERR_COMPENSATOR_EXECUTION, 14)         \
+  X(ERR_INTERPOLATOR_PLAN, 15)             \
+  X(ERR_INTERPOLATOR_EXECUTION, 16)        \
+  X(ERR_KINEMATICS_ERROR, 17)              \
+  X(ERR_DYNAMICS_ERROR, 18)                \
+  X(ERR_EXTRA_ARM_OPERATION, 201)          \
+  X(ERR_EXTRA_ARM_STATE, 202)              \
+  X(ERR_EXTRA_ARM_COLLISION, 206)          \
+  X(ERR_FORCE_SENSOR_THRESHOLD_EXCEED, 21) \
+  X(ERR_AUTO_PLAN_FAILED, 3201)            \
+  X(ERR_COMPUTE_JACOBIAN, 3202)            \
+  X(ERR_PLAN_SCENCE_ERROR, 3203)           \
+  X(ERR_CHOMP_ERROR, 3204)                 \
+  X(ERR_OMPL_ERROR, 3205)                  \
+  X(ERR_COLLISION_DETECT, 3206)            \
+  X(ERR_DISTANCE_FIELD, 3207)              \
+  X(ERR_ROBOT_MODEL_CONFIG_ERROR, 3208)    \
+  X(ERR_ROBOT_MODEL, 3209)                 \
+  X(ERR_ROBOT_STATE, 3210)                 \
+  X(ERR_TRANSFORMS, 3211)                  \
+  X(ERR_MOTION_PLANNING_CONTEXT, 3212)     \
+  X(ERR_KINEMATIC_CONSTRAINTS, 3213)       \
+  X(ERR_TASK_JSON_FILE, 3501)              \
+  X(ERR_DATA_JSON_FILE, 3502)              \
+  X(ERR_DATA_MATCH, 3503)                  \
+  X(ERR_TASK_PLAN, 3504)                   \
+  X(ERR_REMOTE_REQUEST, 3505)              \
+  X(ERR_TASK_BROADCAST, 3506)              \
+  X(ERR_TASK_EXECUTION, 13)                \
+  X(ERR_MATCH_ONLINE, 3507)                \
+  X(ERR_CM_UPDATE_ENV, 3508)               \
   X(WARN_MESSAGE, 3001)
 
 /// Error codes of the kit.
@@ -195,10 +195,10 @@ class BRIX_LOG_API LogManager {
   ///
   /// @param file, line  place of the call
   /// @param fmt  printf format with three extras: "%b" takes a bool and prints true or false; a
-  ///   leading "%c" takes a colour word or escape (`const char*`) for the line; a leading "%C" takes
-  ///   an int, a LogColor value or 256 for the palette colour. The kit's macro passes the format and
-  ///   its arguments twice in a row; the second set is not read. "%n" and positional arguments are
-  ///   printed as they stand.
+  ///   leading "%c" takes a colour word or escape (`const char*`) for the line; a leading "%C"
+  ///   takes an int, a LogColor value or 256 for the palette colour. The kit's macro passes the
+  ///   format and its arguments twice in a row; the second set is not read. "%n" and positional
+  ///   arguments are printed as they stand.
   void log(const char* file, int line, LogLevel level, const char* fmt, ...);
 
   /// Writes one line at the error level that shows the name of `code`.
@@ -208,8 +208,8 @@ class BRIX_LOG_API LogManager {
 /// @return the process-wide logger; never null, and alive until the process is gone
 BRIX_LOG_API LogManager* getLogInstance();
 
-/// True while the controller is in an error state. Owned by the logging library's host, which writes
-/// it with an atomic store; this library only reads it, with an atomic load.
+/// True while the controller is in an error state. Owned by the logging library's host, which
+/// writes it with an atomic store; this library only reads it, with an atomic load.
 extern BRIX_LOG_API bool brix_controller_error;
 
 /// Mutex of the kit's classes. It reports its own failures on standard output and carries on.

@@ -13,8 +13,9 @@ class ThreadLoop;
 
 /// Owns one thread that calls `threadCycle()` over and over, with a fixed pause between two calls.
 ///
-/// The destructor is not virtual, on purpose: objects are destroyed through their own type. The most
-/// derived destructor calls `stop()` first, because a cycle must not run on a half-destroyed object.
+/// The destructor is not virtual, on purpose: objects are destroyed through their own type. The
+/// most derived destructor calls `stop()` first, because a cycle must not run on a half-destroyed
+/// object.
 ///
 /// Called from: any thread. Calls back on: the unit's thread (`threadCycle`). An exception that
 /// leaves a cycle is logged, and the loop goes on.

@@ -2,8 +2,8 @@
 
 namespace brix {
 
-/// Atomic access to plain public fields that the application reads and sets by name while threads of
-/// this library use them.
+/// Atomic access to plain public fields that the application reads and sets by name while threads
+/// of this library use them.
 template <typename T>
 T atomicLoad(const T& field) {
   T value;

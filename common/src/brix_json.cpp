@@ -6,8 +6,8 @@
 namespace brix_json {
 namespace {
 
-constexpr Json::CommentPlacement kPlacements[] = {
-    Json::commentBefore, Json::commentAfterOnSameLine, Json::commentAfter};
+constexpr Json::CommentPlacement kPlacements[] = {Json::commentBefore, Json::commentAfterOnSameLine,
+                                                  Json::commentAfter};
 
 bool hasComments(const Json::Value& value) {
   for (const auto placement : kPlacements) {

@@ -18,8 +18,7 @@ void logTwice(const char* file, int line, LogLevel level, const char* fmt, Args.
 
 }  // namespace brix
 
-#define BRIX_LOG_INFO(...) \
-  ::brix::logTwice(__FILE__, __LINE__, ::brix::LogLevel::Info, __VA_ARGS__)
+#define BRIX_LOG_INFO(...) ::brix::logTwice(__FILE__, __LINE__, ::brix::LogLevel::Info, __VA_ARGS__)
 #define BRIX_LOG_ERROR(...) \
   ::brix::logTwice(__FILE__, __LINE__, ::brix::LogLevel::Error, __VA_ARGS__)
 #define BRIX_PRINT_ERRNO(func) ::printErr(errno, __FILE__, func, __LINE__)

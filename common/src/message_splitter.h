@@ -8,14 +8,13 @@
 namespace brix {
 
 inline bool endsWith(const std::string& text, const std::string& end) {
-  return text.size() >= end.size() &&
-         text.compare(text.size() - end.size(), end.size(), end) == 0;
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 /// Cuts a byte stream into messages; the one mechanism behind decodeMsgs and every receiver.
 ///
-/// Holds the unfinished tail and how far it was searched, so that a large message that comes in many
-/// chunks is searched once. Used by one thread.
+/// Holds the unfinished tail and how far it was searched, so that a large message that comes in
+/// many chunks is searched once. Used by one thread.
 class MessageSplitter {
  public:
   /// Starts with bytes that were received before.
@@ -27,8 +26,8 @@ class MessageSplitter {
   /// Cuts the buffer; the contract of decodeMsgs.
   int split(std::vector<std::string>& msgs, const std::string& delimiter);
 
-  /// Appends a chunk and cuts; with an empty delimiter the chunk is one message and the buffer is not
-  /// used.
+  /// Appends a chunk and cuts; with an empty delimiter the chunk is one message and the buffer is
+  /// not used.
   void feed(const char* data, std::size_t size, std::vector<std::string>& msgs,
             const std::string& delimiter);
 

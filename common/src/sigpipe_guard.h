@@ -9,8 +9,8 @@ namespace brix {
 
 /// Keeps a SIGPIPE that a write raises away from the process, whose handlers stay untouched.
 ///
-/// The mask is set for the one call only and not for a thread's life, because a blocked mask would be
-/// inherited by every child that application code starts on that thread.
+/// The mask is set for the one call only and not for a thread's life, because a blocked mask would
+/// be inherited by every child that application code starts on that thread.
 class SigpipeGuard {
  public:
   enum class Block {

@@ -29,7 +29,9 @@ SocketOwner::SocketOwner(int fd) noexcept : fd_(fd), state_(fd < 0 ? State::Ende
   if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);  // cannot fail on a descriptor that is open
 }
 
-SocketOwner::~SocketOwner() { end(); }
+SocketOwner::~SocketOwner() {
+  end();
+}
 
 SocketOwner::Use::Use(SocketOwner& owner) noexcept : owner_(owner), entered_(owner.enter()) {}
 

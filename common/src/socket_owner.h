@@ -9,9 +9,10 @@ namespace brix {
 
 /// The one owner of a socket descriptor, shared by the threads that use it.
 ///
-/// end() shuts the connection down at once, which wakes every blocked call; the descriptor is closed
-/// when the last call has left it. So it is closed exactly once, and no call ever reaches a number
-/// that was given out again. All operations may be called from any thread, in any order, repeatedly.
+/// end() shuts the connection down at once, which wakes every blocked call; the descriptor is
+/// closed when the last call has left it. So it is closed exactly once, and no call ever reaches a
+/// number that was given out again. All operations may be called from any thread, in any order,
+/// repeatedly.
 class SocketOwner {
  public:
   /// Takes the descriptor over and keeps it from child processes.

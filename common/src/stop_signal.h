@@ -11,8 +11,8 @@ namespace brix {
 /// without the mutex of the wait, so a wake-up may be lost; this bounds what that costs.
 inline constexpr int kRetestMs = 50;
 
-/// Milliseconds as whole microseconds, truncated; a negative value and one that is no number count as
-/// 0, a huge one as the largest pause.
+/// Milliseconds as whole microseconds, truncated; a negative value and one that is no number count
+/// as 0, a huge one as the largest pause.
 long pauseMicros(double ms) noexcept;
 
 /// Milliseconds as a whole number, truncated, with the same limits.

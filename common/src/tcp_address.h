@@ -10,7 +10,9 @@ namespace brix {
 inline constexpr int kLargestPort = 65535;
 
 /// A port beyond these would silently be cut to another one.
-inline bool isPort(int port) { return port >= 0 && port <= kLargestPort; }
+inline bool isPort(int port) {
+  return port >= 0 && port <= kLargestPort;
+}
 
 /// The port on 0.0.0.0: any local address to bind, this machine to connect.
 inline sockaddr_in socketAddress(int port) {

@@ -11,7 +11,9 @@ ThreadMark::ThreadMark(const void* owner) noexcept : owner_(owner), outer_(inner
   innermost = this;
 }
 
-ThreadMark::~ThreadMark() { innermost = outer_; }
+ThreadMark::~ThreadMark() {
+  innermost = outer_;
+}
 
 bool ThreadMark::standsFor(const void* owner) noexcept {
   for (const ThreadMark* mark = innermost; mark != nullptr; mark = mark->outer_) {

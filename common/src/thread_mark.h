@@ -2,8 +2,9 @@
 
 namespace brix {
 
-/// Remembers, while it lives, that its thread works for `owner`: runs one of its loops or callbacks.
-/// A stop that finds such a mark only asks, because waiting would mean waiting for itself.
+/// Remembers, while it lives, that its thread works for `owner`: runs one of its loops or
+/// callbacks. A stop that finds such a mark only asks, because waiting would mean waiting for
+/// itself.
 class ThreadMark {
  public:
   explicit ThreadMark(const void* owner) noexcept;

@@ -10,10 +10,12 @@
 
 namespace brix {
 
-bool ThreadLoop::onOwnThread() const { return ThreadMark::standsFor(this); }
+bool ThreadLoop::onOwnThread() const {
+  return ThreadMark::standsFor(this);
+}
 
-// Starting waits for a thread that is still ending, so that two loops never run side by side. On the
-// loop's own thread that would be endless: there the stop is taken back and the thread goes on.
+// Starting waits for a thread that is still ending, so that two loops never run side by side. On
+// the loop's own thread that would be endless: there the stop is taken back and the thread goes on.
 bool ThreadLoop::start(ThreadUnit& unit) {
   std::printf("start %s\n", name_.c_str());
   std::unique_lock<std::mutex> lock(mutex_);
@@ -39,8 +41,8 @@ bool ThreadLoop::start(ThreadUnit& unit) {
   return true;
 }
 
-// Stop sequence: 1. quit flag, which ends the pause; 2. wait until the loop has ended, or was started
-// again by its own cycle; 3. join. On the loop's own thread only 1.
+// Stop sequence: 1. quit flag, which ends the pause; 2. wait until the loop has ended, or was
+// started again by its own cycle; 3. join. On the loop's own thread only 1.
 void ThreadLoop::stop() {
   std::unique_lock<std::mutex> lock(mutex_);
   request();
@@ -109,17 +111,29 @@ ThreadUnit::ThreadUnit(const std::string& name, double periodMs)
   std::puts(name.c_str());
 }
 
-ThreadUnit::~ThreadUnit() { loop_->release(); }
+ThreadUnit::~ThreadUnit() {
+  loop_->release();
+}
 
-void ThreadUnit::start() { tryStart(); }
+void ThreadUnit::start() {
+  tryStart();
+}
 
-bool ThreadUnit::tryStart() { return loop_->start(*this); }
+bool ThreadUnit::tryStart() {
+  return loop_->start(*this);
+}
 
-void ThreadUnit::stop() { loop_->stop(); }
+void ThreadUnit::stop() {
+  loop_->stop();
+}
 
-bool ThreadUnit::isRunning() const { return loop_->running(); }
+bool ThreadUnit::isRunning() const {
+  return loop_->running();
+}
 
-void ThreadUnit::setPeriod(double periodMs) { loop_->setPeriod(periodMs); }
+void ThreadUnit::setPeriod(double periodMs) {
+  loop_->setPeriod(periodMs);
+}
 
 void* ThreadUnit::ThreadFunc(void* self) {
   auto* unit = static_cast<ThreadUnit*>(self);

@@ -13,9 +13,9 @@ namespace brix_log {
 /// Receives one rendered line: time, level word, file:line and text, without colour and without the
 /// final newline.
 ///
-/// Called on the logging thread, one line at a time for the whole process. It may log itself: such a
-/// line goes to standard error. An exception that leaves it is dropped, and the line goes to standard
-/// error.
+/// Called on the logging thread, one line at a time for the whole process. It may log itself: such
+/// a line goes to standard error. An exception that leaves it is dropped, and the line goes to
+/// standard error.
 using Sink = std::function<void(brix::LogLevel level, const std::string& line)>;
 
 /// Sends all further lines to `sink`; an empty one sends them to standard error again. On return no

@@ -21,7 +21,7 @@
 namespace brix_log {
 namespace {
 
-constexpr std::size_t kDefaultMaxTextBytes = 64 * 1024;
+constexpr std::size_t kDefaultMaxTextBytes = std::size_t{64} * 1024;
 
 /// Where lines go. Made on first use and never destroyed, because static objects and late threads
 /// log until the process is gone.
@@ -50,7 +50,8 @@ std::string timeStamp() {
   return stamp;
 }
 
-/// Writes all bytes; one write in the usual case, more only where a pipe takes a long line in parts.
+/// Writes all bytes; one write in the usual case, more only where a pipe takes a long line in
+/// parts.
 void writeAll(const std::string& bytes) {
   const brix::SigpipeGuard guard(brix::SigpipeGuard::Block::Sigpipe);
   std::size_t done = 0;
@@ -180,7 +181,9 @@ namespace log_time {
 
 TimerUnit::TimerUnit() : start(), end(), elapsed(0) {}
 
-void timer_start(TimerUnit& unit) { unit.start = std::chrono::steady_clock::now(); }
+void timer_start(TimerUnit& unit) {
+  unit.start = std::chrono::steady_clock::now();
+}
 
 void timer_end(TimerUnit& unit) {
   unit.end = std::chrono::steady_clock::now();

@@ -136,7 +136,8 @@ int Formatter::parseNumber() {
     return std::clamp(va_arg(args_, int), -kWidestField, kWidestField);
   }
   int number = 0;
-  for (; *at_ >= '0' && *at_ <= '9'; ++at_) number = std::min(number * 10 + (*at_ - '0'), kWidestField);
+  for (; *at_ >= '0' && *at_ <= '9'; ++at_)
+    number = std::min(number * 10 + (*at_ - '0'), kWidestField);
   return number;
 }
 
@@ -155,7 +156,8 @@ Conversion Formatter::parse() {
     conversion.precision = std::max(parseNumber(), -1);
   }
   for (; *at_ != '\0' && std::strchr("hlLjzt", *at_) != nullptr; ++at_) conversion.length += *at_;
-  if (*at_ != '\0' && std::strchr("diouxXcsbpeEfFgGaA", *at_) != nullptr) conversion.letter = *at_++;
+  if (*at_ != '\0' && std::strchr("diouxXcsbpeEfFgGaA", *at_) != nullptr)
+    conversion.letter = *at_++;
   return conversion;
 }
 
@@ -278,7 +280,8 @@ std::string escaped(char byte) {
   if (byte == '\n') return "\\n";
   if (byte == '\t') return "\\t";
   char code[8];
-  std::snprintf(code, sizeof code, "\\x%02X", static_cast<unsigned>(static_cast<unsigned char>(byte)));
+  std::snprintf(code, sizeof code, "\\x%02X",
+                static_cast<unsigned>(static_cast<unsigned char>(byte)));
   return code;
 }
 

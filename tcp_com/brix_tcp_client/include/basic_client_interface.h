@@ -28,7 +28,8 @@ class TCP_COM_API BasicClientInterface {
   virtual void closeClient() = 0;
 
   /// Waits for bytes.
-  /// @return one chunk of the stream, or an empty text at its end, on an error or when not connected
+  /// @return one chunk of the stream, or an empty text at its end, on an error or when not
+  /// connected
   virtual std::string recieveMsg() = 0;
 
   /// Waits for at most `len` bytes.

@@ -16,9 +16,9 @@ class SocketOwner;
 
 /// One blocking IPv4 TCP connection. It adds no framing: bytes go out and come in as they are.
 ///
-/// Called from: one thread may read while others send; `closeClient()` may be called at any time and
-/// wakes a blocked reader or sender. It calls nothing back. No operation throws, apart from memory
-/// exhaustion. Log lines are written only while `logFlag` is true, except those that say so.
+/// Called from: one thread may read while others send; `closeClient()` may be called at any time
+/// and wakes a blocked reader or sender. It calls nothing back. No operation throws, apart from
+/// memory exhaustion. Log lines are written only while `logFlag` is true, except those that say so.
 class TCP_COM_API TcpClient : public BasicClientInterface {
  public:
   /// Opens nothing.
@@ -34,14 +34,15 @@ class TCP_COM_API TcpClient : public BasicClientInterface {
 
   /// Connects, waiting one second at most.
   ///
-  /// A second call opens a second connection and leaves the first one's descriptor open, on purpose.
+  /// A second call opens a second connection and leaves the first one's descriptor open, on
+  /// purpose.
   /// @param timeout  accepted and ignored
   /// @return 1 when connected; -1 if the socket could not be made, the server did not accept in
   ///   time, the port is none, or the socket was connected to itself
   int connectServer(double timeout) override;
 
-  /// Sends with one call; a partial send is not continued. A failure is logged and leaves the object
-  /// without a socket, its descriptor abandoned, on purpose: the owner's reconnect sees it.
+  /// Sends with one call; a partial send is not continued. A failure is logged and leaves the
+  /// object without a socket, its descriptor abandoned, on purpose: the owner's reconnect sees it.
   void sendMsg(const std::string& msg) override;
 
   /// Sends with one call, its result ignored. A null pointer or a negative length sends nothing.
@@ -51,7 +52,8 @@ class TCP_COM_API TcpClient : public BasicClientInterface {
   void closeClient() override;
 
   /// Blocks until bytes arrive; reads 2 MiB at most.
-  /// @return the bytes, NUL bytes among them; empty at the stream's end, on an error, without socket
+  /// @return the bytes, NUL bytes among them; empty at the stream's end, on an error, without
+  /// socket
   std::string recieveMsg() override;
 
   /// Blocks until bytes arrive.

@@ -10,8 +10,12 @@ BasicClientInterface::~BasicClientInterface() = default;
 
 void BasicClientInterface::sendMsg(const char* /*data*/, int /*len*/) {}
 
-int BasicClientInterface::recieveMsg(char* /*buf*/, int /*len*/) { return 0; }
+int BasicClientInterface::recieveMsg(char* /*buf*/, int /*len*/) {
+  return 0;
+}
 
-bool BasicClientInterface::waitReadable(double /*ms*/) { return true; }
+bool BasicClientInterface::waitReadable(double /*ms*/) {
+  return true;
+}
 
 }  // namespace brix

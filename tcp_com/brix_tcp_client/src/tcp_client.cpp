@@ -19,7 +19,7 @@ namespace brix {
 namespace {
 
 constexpr double kConnectWaitMs = 1000;
-constexpr std::size_t kReadBytes = 2 * 1024 * 1024;
+constexpr std::size_t kReadBytes = std::size_t{2} * 1024 * 1024;
 constexpr int kNoSocket = -1;
 constexpr int kConnected = 1;
 constexpr int kFailed = -1;
@@ -31,7 +31,8 @@ void setBlocking(int fd, bool blocking) {
 
 /// A thread's read buffer; only the pages that reads touch ever cost memory.
 char* readBuffer() {
-  thread_local const std::unique_ptr<char[]> buffer(new char[kReadBytes]);
+  thread_local std::unique_ptr<char[]> buffer;
+  if (!buffer) buffer.reset(new char[kReadBytes]);  // not zeroed: that would touch every page
   return buffer.get();
 }
 
@@ -72,7 +73,9 @@ TcpClient::~TcpClient() {
   if (owner_) owner_->abandon();
 }
 
-bool TcpClient::logging() const { return atomicLoad(logFlag); }
+bool TcpClient::logging() const {
+  return atomicLoad(logFlag);
+}
 
 std::shared_ptr<SocketOwner> TcpClient::owner() const {
   std::lock_guard<std::mutex> lock(ownerLock_);

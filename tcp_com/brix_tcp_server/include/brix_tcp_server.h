@@ -35,8 +35,8 @@ class TCP_COM_API TcpServerHandler {
   TcpServerHandler(int socket, int id, int interval);
   TcpServerHandler(int socket, int id, int interval, HandlerStart start);
 
-  /// Ends the connection and joins the thread; on the handler's own thread it says so in the log and
-  /// lets the thread end by itself.
+  /// Ends the connection and joins the thread; on the handler's own thread it says so in the log
+  /// and lets the thread end by itself.
   ~TcpServerHandler();
 
   TcpServerHandler(const TcpServerHandler&) = delete;
@@ -51,11 +51,12 @@ class TCP_COM_API TcpServerHandler {
   /// The receive loop; runs on the handler's thread.
   void recieveThreadFunc(int interval);
 
-  /// Sends bytes as they stand, with one call whose result is ignored. Blocks while the peer does not
-  /// read; never raises SIGPIPE.
+  /// Sends bytes as they stand, with one call whose result is ignored. Blocks while the peer does
+  /// not read; never raises SIGPIPE.
   void sendMsg(const std::string& data);
 
-  /// Ends the connection at once; does not wait for the thread, which still calls the quit callback.
+  /// Ends the connection at once; does not wait for the thread, which still calls the quit
+  /// callback.
   void terminate();
 
   CallbackSlot<void(const std::string&)>& msgCallback;  ///< gets each complete message
@@ -79,8 +80,8 @@ class TCP_COM_API BrixTcpServer : public BasicServerInterface {
  public:
   BrixTcpServer();
 
-  /// Stops as `terminateServer()` and waits for every handler. On one of the server's own threads it
-  /// does not wait.
+  /// Stops as `terminateServer()` and waits for every handler. On one of the server's own threads
+  /// it does not wait.
   ~BrixTcpServer() override;
 
   BrixTcpServer(const BrixTcpServer&) = delete;
@@ -92,8 +93,8 @@ class TCP_COM_API BrixTcpServer : public BasicServerInterface {
   /// @return always 1; a port that cannot be opened shows in the log and in waitUntilListening()
   int initialize(int port) override;
 
-  /// Stops accepting, ends every connection and joins the threads; returns within 100 ms plus what a
-  /// running listener takes. May be called again.
+  /// Stops accepting, ends every connection and joins the threads; returns within 100 ms plus what
+  /// a running listener takes. May be called again.
   void terminateServer() override;
 
   void registerConnectionListener(std::function<void(bool)> listener) override;

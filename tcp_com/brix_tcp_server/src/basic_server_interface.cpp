@@ -15,10 +15,16 @@ BasicServerInterface::BasicServerInterface()
 
 BasicServerInterface::~BasicServerInterface() = default;
 
-void BasicServerInterface::setSendRate(double rate) { atomicStore(sendRate, rate); }
+void BasicServerInterface::setSendRate(double rate) {
+  atomicStore(sendRate, rate);
+}
 
-void BasicServerInterface::setRecvRate(double rate) { atomicStore(recvRate, rate); }
+void BasicServerInterface::setRecvRate(double rate) {
+  atomicStore(recvRate, rate);
+}
 
-bool BasicServerInterface::releaseAble() { return true; }
+bool BasicServerInterface::releaseAble() {
+  return true;
+}
 
 }  // namespace brix

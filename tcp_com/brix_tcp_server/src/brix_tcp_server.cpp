@@ -2,8 +2,8 @@
 
 #include <utility>
 
+#include "brix_tcp_server_state.h"
 #include "log_macros.h"
-#include "server_state.h"
 #include "thread_mark.h"
 #include "worker_thread.h"
 
@@ -17,7 +17,7 @@ constexpr int kStarted = 1;
 BrixTcpServer::BrixTcpServer() : state_(std::make_shared<State>(this)) {}
 
 BrixTcpServer::~BrixTcpServer() {
-  terminateServer();
+  state_->terminate();
   state_->release();
 }
 
@@ -39,9 +39,13 @@ void BrixTcpServer::registerMsgListener(std::function<void(const std::string&)> 
   state_->msgListener = std::move(listener);
 }
 
-void BrixTcpServer::sendMsg(const std::string& msg) { state_->sendQueue.push(msg + delimiter); }
+void BrixTcpServer::sendMsg(const std::string& msg) {
+  state_->sendQueue.push(msg + delimiter);
+}
 
-bool BrixTcpServer::releaseAble() { return state_->releaseAble(); }
+bool BrixTcpServer::releaseAble() {
+  return state_->releaseAble();
+}
 
 int BrixTcpServer::listeningPort() const {
   std::lock_guard<std::mutex> lock(state_->listenLock);
@@ -57,14 +61,30 @@ bool BrixTcpServer::waitUntilListening(double timeoutMs) const {
   return state->listeningPort != 0;
 }
 
-void BrixTcpServer::waitForConnectionThreadFunc(int port) { state_->acceptLoop(port); }
-void BrixTcpServer::creatSocketHandle(int socket) { state_->createHandler(socket); }
-void BrixTcpServer::popSocketHandle(int id) { state_->popSocketHandle(id); }
-void BrixTcpServer::recieveMsgCallback(const std::string& msg) { state_->recvQueue.push(msg); }
-void BrixTcpServer::connectionNotify(bool connected) { state_->connectionNotify(connected); }
-void BrixTcpServer::minitorThread() { state_->monitorLoop(); }
-void BrixTcpServer::sendMsgThreadFunc() { state_->sendLoop(); }
-void BrixTcpServer::recieveMsgThreadFunc() { state_->recvLoop(); }
+void BrixTcpServer::waitForConnectionThreadFunc(int port) {
+  state_->acceptLoop(port);
+}
+void BrixTcpServer::creatSocketHandle(int socket) {
+  state_->createHandler(socket);
+}
+void BrixTcpServer::popSocketHandle(int id) {
+  state_->popSocketHandle(id);
+}
+void BrixTcpServer::recieveMsgCallback(const std::string& msg) {
+  state_->recvQueue.push(msg);
+}
+void BrixTcpServer::connectionNotify(bool connected) {
+  state_->connectionNotify(connected);
+}
+void BrixTcpServer::minitorThread() {
+  state_->monitorLoop();
+}
+void BrixTcpServer::sendMsgThreadFunc() {
+  state_->sendLoop();
+}
+void BrixTcpServer::recieveMsgThreadFunc() {
+  state_->recvLoop();
+}
 
 void BrixTcpServer::State::start(int port) {
   if (ThreadMark::standsFor(this)) {
@@ -92,9 +112,9 @@ void BrixTcpServer::State::startWorkers(int port) {
 }
 
 // Stop sequence: 1. log; 2. quit flag, wake the pumps; 3. end every connection, which frees a send
-// that is stuck on one; 4. end the listening socket, which ends the accept; 5. join accept, send and
-// receive thread; 6. wake and join the monitor. On one of these threads only 1 to 4: waiting there
-// would mean waiting for itself, or for a thread that waits for a lock held here.
+// that is stuck on one; 4. end the listening socket, which ends the accept; 5. join accept, send
+// and receive thread; 6. wake and join the monitor. On one of these threads only 1 to 4: waiting
+// there would mean waiting for itself, or for a thread that waits for a lock held here.
 void BrixTcpServer::State::terminate() {
   BRIX_LOG_INFO("tcp server terminated, base socket id %d", listenNumber.load());
   quit.request();
@@ -115,8 +135,8 @@ void BrixTcpServer::State::joinWorkers() {
   joinIfJoinable(monitorThread);
 }
 
-// The server goes away. The handlers end before the members that their callbacks use. Destroyed on one
-// of its own threads, it leaves this state to them.
+// The server goes away. The handlers end before the members that their callbacks use. Destroyed on
+// one of its own threads, it leaves this state to them.
 void BrixTcpServer::State::release() {
   {
     std::lock_guard<std::mutex> lock(selfLock);

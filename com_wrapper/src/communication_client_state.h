@@ -29,7 +29,7 @@ struct ClientLink {
   void detachWorkers();
 
   StopSignal stop;
-  std::mutex workersLock;       // innermost; guards the handles: a thread is joined by who took it out
+  std::mutex workersLock;  // innermost; guards the handles: a thread is joined by who took it out
   std::thread broadcastThread;
   std::thread heartbeatThread;
   std::thread sendThread;
@@ -41,9 +41,9 @@ struct ClientLink {
 /// What the client shares with its threads: a callback on one of them may destroy the client.
 ///
 /// Lock order: connectLock (connect), connectMutex (disConnect), listenerMutex; then the innermost
-/// ones, never held while another lock is taken or anything is called. On the client's own threads and
-/// inside its callbacks connectLock and connectMutex are only tried, because their holder may be
-/// waiting for that very thread.
+/// ones, never held while another lock is taken or anything is called. On the client's own threads
+/// and inside its callbacks connectLock and connectMutex are only tried, because their holder may
+/// be waiting for that very thread.
 class CommunicationClient::State : public std::enable_shared_from_this<CommunicationClient::State> {
  public:
   explicit State(std::shared_ptr<ThreadLoop> unitLoop) : loop(std::move(unitLoop)) {}

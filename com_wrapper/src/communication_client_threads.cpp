@@ -7,7 +7,7 @@
 #include "atomic_access.h"
 #include "brix_json.h"
 #include "callback_guard.h"
-#include "client_state.h"
+#include "communication_client_state.h"
 #include "log_macros.h"
 #include "thread_mark.h"
 
@@ -46,7 +46,8 @@ void CommunicationClient::State::cycle() {
   cutMessages(chunk, delimiter);
 }
 
-// A silent peer must not keep the cycle from counting the silence: nothing readable is an empty chunk.
+// A silent peer must not keep the cycle from counting the silence: nothing readable is an empty
+// chunk.
 std::string CommunicationClient::State::readChunk(BasicClientInterface& handle) {
   return handle.waitReadable(kReadSliceMs) ? handle.recieveMsg() : std::string();
 }
@@ -117,8 +118,8 @@ void CommunicationClient::State::deliverOne(const std::string& msg) {
   }
 }
 
-// The lock is held while listeners run. A listener that changes the lists waits for itself: it stays
-// there, as it always has, but no longer than its connection.
+// The lock is held while listeners run. A listener that changes the lists waits for itself: it
+// stays there, as it always has, but no longer than its connection.
 void CommunicationClient::State::changeListeners(const std::function<void()>& change) {
   if (!ThreadMark::standsFor(&listenerMutex)) {
     std::lock_guard<std::mutex> lock(listenerMutex);

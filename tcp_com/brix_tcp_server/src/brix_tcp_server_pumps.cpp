@@ -1,9 +1,9 @@
 // The server's send and receive threads: one message per rate period and direction.
 
 #include "atomic_access.h"
+#include "brix_tcp_server_state.h"
 #include "callback_guard.h"
 #include "log_macros.h"
-#include "server_state.h"
 #include "thread_mark.h"
 
 namespace brix {

@@ -59,8 +59,8 @@ TcpServerHandler::TcpServerHandler(int socket, int id, int interval, HandlerStar
   if (!startThread(state_->thread, "connection handler", body)) state_->socket.end();
 }
 
-// The handler may be destroyed by a callback on its own thread. A thread cannot join itself: the log
-// says so, and the thread ends by itself.
+// The handler may be destroyed by a callback on its own thread. A thread cannot join itself: the
+// log says so, and the thread ends by itself.
 TcpServerHandler::~TcpServerHandler() {
   state_->stop();
   if (!state_->thread.joinable()) return;
@@ -75,9 +75,13 @@ TcpServerHandler::~TcpServerHandler() {
   }
 }
 
-bool TcpServerHandler::started() const { return state_->thread.joinable(); }
+bool TcpServerHandler::started() const {
+  return state_->thread.joinable();
+}
 
-void TcpServerHandler::release() { state_->open(); }
+void TcpServerHandler::release() {
+  state_->open();
+}
 
 void TcpServerHandler::recieveThreadFunc(int interval) {
   const auto state = state_;
@@ -88,7 +92,9 @@ void TcpServerHandler::sendMsg(const std::string& data) {
   state_->socket.send(data.data(), data.size(), 0);  // a lost client shows on the receiving side
 }
 
-void TcpServerHandler::terminate() { state_->stop(); }
+void TcpServerHandler::terminate() {
+  state_->stop();
+}
 
 // Stop sequence: 1. quit flag, which ends the pause; 2. shut the socket down, which ends the read;
 // 3. open the gate. The thread then closes the connection as if the peer had.

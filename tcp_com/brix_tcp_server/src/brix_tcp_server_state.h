@@ -19,9 +19,9 @@ namespace brix {
 
 /// What the server shares with its threads: a listener on one of them may destroy the server.
 ///
-/// Lock order: lifecycleLock; connectionLock, recvLock, sendLock; then the innermost ones, which are
-/// never held while another lock is taken or anything is called: mapLock, selfLock, listenLock, the
-/// queues' and slots' own locks.
+/// Lock order: lifecycleLock; connectionLock, recvLock, sendLock; then the innermost ones, which
+/// are never held while another lock is taken or anything is called: mapLock, selfLock, listenLock,
+/// the queues' and slots' own locks.
 struct BrixTcpServer::State : std::enable_shared_from_this<State> {
   explicit State(BasicServerInterface* owner) : self(owner) {}
 

@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <utility>
 
+#include "brix_tcp_server_state.h"
 #include "callback_guard.h"
 #include "log_macros.h"
-#include "server_state.h"
 #include "tcp_address.h"
 #include "thread_mark.h"
 

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "callback_guard.h"
-#include "client_state.h"
+#include "communication_client_state.h"
 #include "log_macros.h"
 #include "thread_mark.h"
 #include "worker_thread.h"
@@ -52,7 +52,9 @@ void ClientLink::detachWorkers() {
   }
 }
 
-bool CommunicationClient::State::onOwnThread() const { return ThreadMark::standsFor(this); }
+bool CommunicationClient::State::onOwnThread() const {
+  return ThreadMark::standsFor(this);
+}
 
 int CommunicationClient::State::connect(ThreadUnit& unit, const std::string& ip, int port,
                                         double timeout) {
@@ -104,8 +106,8 @@ int CommunicationClient::State::connectLocked(ThreadUnit& unit, BasicClientInter
 }
 
 // The workers of the connection before have ended on their own signal, or are about to. Inside a
-// callback one of them may be waiting for this thread: then a later connect, or the destructor, joins
-// them.
+// callback one of them may be waiting for this thread: then a later connect, or the destructor,
+// joins them.
 void CommunicationClient::State::retireLink() {
   connected = false;
   if (const auto old = link.load()) {
@@ -169,7 +171,8 @@ void CommunicationClient::State::closeTransport() {
   }
 }
 
-// Stop sequence: 1. close the transport, which ends a blocked read or send; 2. end the receive cycle;
+// Stop sequence: 1. close the transport, which ends a blocked read or send; 2. end the receive
+// cycle;
 // 3. connected false, which ends the workers, whose pauses are interrupted; 4. tell the listener;
 // 5. drop what is queued. On the client's own threads 2 does not wait.
 /// @return false if another thread is disconnecting, which this one must not wait for
@@ -196,8 +199,8 @@ bool CommunicationClient::State::disConnect() {
   return true;
 }
 
-// The client goes away. Inside a callback its threads cannot be waited for: they end by themselves on
-// this state, and no listener is called any more.
+// The client goes away. Inside a callback its threads cannot be waited for: they end by themselves
+// on this state, and no listener is called any more.
 void CommunicationClient::State::release() {
   destroyed = true;
   const bool own = onOwnThread();

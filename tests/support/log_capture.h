@@ -1,0 +1,63 @@
+// Takes the process's log lines for a test to look into.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "brix_log.h"
+#include "wait.h"
+
+namespace test {
+
+struct LogLine {
+  brix::LogLevel level;
+  std::string line;
+};
+
+/// Collects every line while it lives.
+class LogCapture {
+ public:
+  LogCapture() {
+    brix_log::setSink([this](brix::LogLevel level, const std::string& line) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      lines_.push_back({level, line});
+    });
+  }
+  ~LogCapture() { brix_log::setSink(nullptr); }
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<LogLine> lines() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+  }
+
+  /// @return number of lines of that level whose text contains `text`
+  std::size_t count(brix::LogLevel level, const std::string& text) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<std::size_t>(
+        std::count_if(lines_.begin(), lines_.end(), [&](const LogLine& entry) {
+          return entry.level == level && entry.line.find(text) != std::string::npos;
+        }));
+  }
+  std::size_t infos(const std::string& text) const { return count(brix::LogLevel::Info, text); }
+  std::size_t errors(const std::string& text) const { return count(brix::LogLevel::Error, text); }
+
+  /// @return the texts of all lines in order, without time, level and place
+  std::vector<std::string> texts() const {
+    std::vector<std::string> result;
+    for (const LogLine& entry : lines()) {
+      std::size_t at = 0;  // date, time, level, place
+      for (int field = 0; field < 4; ++field) at = entry.line.find(' ', at) + 1;
+      result.push_back(entry.line.substr(at));
+    }
+    return result;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<LogLine> lines_;
+};
+
+}  // namespace test
