@@ -19,6 +19,9 @@ function(tcp_com_shared_library target)
                CXX_VISIBILITY_PRESET hidden
                VISIBILITY_INLINES_HIDDEN ON)
   # Threads may run until the process ends: their code must stay mapped.
-  target_link_options(${target} PRIVATE -Wl,-z,nodelete -Wl,--no-undefined)
+  target_link_options(
+    ${target} PRIVATE -Wl,-z,nodelete -Wl,--no-undefined
+    -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
+  set_property(TARGET ${target} PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
   add_library(tcp_com::${target} ALIAS ${target})
 endfunction()

@@ -44,7 +44,7 @@ struct ClientLink {
 /// ones, never held while another lock is taken or anything is called. On the client's own threads
 /// and inside its callbacks connectLock and connectMutex are only tried, because their holder may
 /// be waiting for that very thread.
-class CommunicationClient::State : public std::enable_shared_from_this<CommunicationClient::State> {
+class TCP_COM_HIDDEN CommunicationClient::State : public std::enable_shared_from_this<CommunicationClient::State> {
  public:
   explicit State(std::shared_ptr<ThreadLoop> unitLoop) : loop(std::move(unitLoop)) {}
 

@@ -37,7 +37,7 @@ using FunctionList = std::vector<std::shared_ptr<const Function>>;
 /// Lock order: the transport's connection lock, then stateLock; the transport's receive lock, then
 /// rawDataLock. These two are never held together. Both are recursive so that a callback may
 /// replace itself. lifecycleLock comes before all of them.
-struct CommunicationServer::State : std::enable_shared_from_this<State> {
+struct TCP_COM_HIDDEN CommunicationServer::State : std::enable_shared_from_this<State> {
   void setServerHandle(const std::shared_ptr<BasicServerInterface>& handle);
   void terminate();
   void release();

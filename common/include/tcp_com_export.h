@@ -3,3 +3,6 @@
 #pragma once
 
 #define TCP_COM_API __attribute__((visibility("default")))
+
+/// For types nested in exported classes, which would otherwise inherit their visibility.
+#define TCP_COM_HIDDEN __attribute__((visibility("hidden")))

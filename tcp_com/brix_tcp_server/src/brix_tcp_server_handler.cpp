@@ -21,7 +21,7 @@ constexpr std::size_t kReceiveBlockBytes = 16384;
 
 /// What the receiving thread shares with the handler: a callback on that thread may destroy the
 /// handler.
-struct TcpServerHandler::State {
+struct TCP_COM_HIDDEN TcpServerHandler::State {
   State(int fd, int connectionId) : socket(fd), id(connectionId) {}
 
   void receiveLoop(int intervalMs);

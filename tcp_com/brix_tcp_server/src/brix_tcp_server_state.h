@@ -22,7 +22,7 @@ namespace brix {
 /// Lock order: lifecycleLock; connectionLock, recvLock, sendLock; then the innermost ones, which
 /// are never held while another lock is taken or anything is called: mapLock, selfLock, listenLock,
 /// the queues' and slots' own locks.
-struct BrixTcpServer::State : std::enable_shared_from_this<State> {
+struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State> {
   explicit State(BasicServerInterface* owner) : self(owner) {}
 
   /// One direction's pump.
