@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "callback_guard.h"
@@ -97,63 +98,71 @@ int CommunicationClient::State::connectLocked(ThreadUnit& unit, BasicClientInter
     return kFailed;
   }
   if (printFlag) BRIX_LOG_INFO("Connect server %s", "SUCCESSFUL");
-  retireLink();
-  beginLink();
+  connected = false;
+  retire(link.load());
+  joinRetired();
+  const auto own = beginLink();
   notify(true);
-  if (startWorkers()) return kConnected;
+  const bool started = startWorkers(own);
+  if (link.load() != own) retire(own);  // the listener has connected anew meanwhile
+  if (started) return kConnected;
   if (printFlag) BRIX_LOG_ERROR("catch exception");
   return kFailed;
 }
 
-// The workers of the connection before have ended on their own signal, or are about to. Inside a
-// callback one of them may be waiting for this thread: then a later connect, or the destructor,
-// joins them.
-void CommunicationClient::State::retireLink() {
-  connected = false;
-  if (const auto old = link.load()) {
-    old->stop.request();
-    std::lock_guard<std::mutex> lock(retiredLock);
-    retired.push_back(old);
-  }
-  if (!onOwnThread()) joinRetired();
+// The workers of a connection that is over have ended on its own signal, or are about to.
+void CommunicationClient::State::retire(const std::shared_ptr<ClientLink>& old) {
+  if (!old) return;
+  old->stop.request();
+  std::lock_guard<std::mutex> lock(retiredLock);
+  retired.push_back(old);
 }
 
+// On an own thread or in a callback only links that have ended are joined: a worker that still runs
+// may be waiting for this thread, and a later call or the destructor joins it.
 void CommunicationClient::State::joinRetired() {
+  const bool onlyEnded = onOwnThread();
   std::vector<std::shared_ptr<ClientLink>> ended;
   {
     std::lock_guard<std::mutex> lock(retiredLock);
-    ended.swap(retired);
+    const auto first = std::partition(retired.begin(), retired.end(), [&](const auto& old) {
+      return onlyEnded && old->running != 0;
+    });
+    ended.assign(first, retired.end());
+    retired.erase(first, retired.end());
   }
   for (const auto& old : ended) old->joinWorkers();
 }
 
 // Silence counts from here, not from the last chunk of the connection before.
-void CommunicationClient::State::beginLink() {
-  auto next = std::make_shared<ClientLink>();
+std::shared_ptr<ClientLink> CommunicationClient::State::beginLink() {
+  const auto next = std::make_shared<ClientLink>();
   log_time::timer_start(next->recvTimer);
-  link = std::move(next);
+  link = next;
   connected = true;
+  return next;
 }
 
-bool CommunicationClient::State::startWorkers() {
-  const auto own = link.load();
-  if (broadcastMode &&
-      !startWorker(own->broadcastThread, "broadcast thread", &State::broadcastLoop)) {
-    return false;
-  }
-  if (heartbeatMode &&
-      !startWorker(own->heartbeatThread, "heartbeat thread", &State::heartbeatLoop)) {
-    return false;
-  }
-  return !sendMode || startWorker(own->sendThread, "send thread", &State::sendLoop);
+bool CommunicationClient::State::startWorkers(const std::shared_ptr<ClientLink>& own) {
+  return (!broadcastMode ||
+          startWorker(own, own->broadcastThread, "broadcast thread", &State::broadcastLoop)) &&
+         (!heartbeatMode ||
+          startWorker(own, own->heartbeatThread, "heartbeat thread", &State::heartbeatLoop)) &&
+         (!sendMode || startWorker(own, own->sendThread, "send thread", &State::sendLoop));
 }
 
-bool CommunicationClient::State::startWorker(std::thread& worker, const char* name,
+bool CommunicationClient::State::startWorker(const std::shared_ptr<ClientLink>& own,
+                                             std::thread& worker, const char* name,
                                              void (State::*body)(ClientLink&)) {
-  const auto own = link.load();
   const auto state = shared_from_this();
+  struct Running {  // counts the worker until it has ended, however it ends
+    explicit Running(ClientLink& counted) : link(counted) { ++link.running; }
+    ~Running() { --link.running; }
+    ClientLink& link;
+  };
+  const auto running = std::make_shared<Running>(*own);
   std::thread started;
-  const auto run = [state, own, body] { ((*state).*body)(*own); };
+  const auto run = [state, own, running, body] { ((*state).*body)(*own); };
   if (!startThread(started, name, run)) return false;
   std::lock_guard<std::mutex> lock(own->workersLock);
   worker = std::move(started);
@@ -203,13 +212,9 @@ bool CommunicationClient::State::disConnect() {
 // on this state, and no listener is called any more.
 void CommunicationClient::State::release() {
   destroyed = true;
-  const bool own = onOwnThread();
   disConnect();
-  if (const auto last = link.load()) {
-    std::lock_guard<std::mutex> lock(retiredLock);
-    retired.push_back(last);
-  }
-  if (!own) joinRetired();
+  retire(link.load());
+  joinRetired();
   loop->stop();  // a cycle must not begin on a half-destroyed object
   changeListeners([this] {
     listeners.clear();

@@ -29,6 +29,7 @@ struct ClientLink {
   void detachWorkers();
 
   StopSignal stop;
+  std::atomic<int> running{0};  // workers that have not ended
   std::mutex workersLock;  // innermost; guards the handles: a thread is joined by who took it out
   std::thread broadcastThread;
   std::thread heartbeatThread;
@@ -44,7 +45,8 @@ struct ClientLink {
 /// ones, never held while another lock is taken or anything is called. On the client's own threads
 /// and inside its callbacks connectLock and connectMutex are only tried, because their holder may
 /// be waiting for that very thread.
-class TCP_COM_HIDDEN CommunicationClient::State : public std::enable_shared_from_this<CommunicationClient::State> {
+class TCP_COM_HIDDEN CommunicationClient::State
+    : public std::enable_shared_from_this<CommunicationClient::State> {
  public:
   explicit State(std::shared_ptr<ThreadLoop> unitLoop) : loop(std::move(unitLoop)) {}
 
@@ -93,10 +95,11 @@ class TCP_COM_HIDDEN CommunicationClient::State : public std::enable_shared_from
  private:
   bool onOwnThread() const;
   int connectLocked(ThreadUnit& unit, BasicClientInterface& handle, double timeout);
-  void beginLink();
-  bool startWorkers();
-  bool startWorker(std::thread& worker, const char* name, void (State::*loop)(ClientLink&));
-  void retireLink();
+  std::shared_ptr<ClientLink> beginLink();
+  bool startWorkers(const std::shared_ptr<ClientLink>& own);
+  bool startWorker(const std::shared_ptr<ClientLink>& own, std::thread& worker, const char* name,
+                   void (State::*body)(ClientLink&));
+  void retire(const std::shared_ptr<ClientLink>& old);
   void joinRetired();
   void notify(bool value);
   void closeTransport();
