@@ -224,31 +224,31 @@ void CommunicationClient::State::release() {
 
 void CommunicationClient::State::setSendMode(bool queued) {
   sendMode = queued;
-  const auto own = link.load();
-  if (queued || !own) return;
-  own->stop.wake();
-  if (!onOwnThread()) own->joinWorker(own->sendThread);
+  if (!queued) endWorker(&ClientLink::sendThread);
+}
+
+void CommunicationClient::State::setHeartbeatMode(bool beating) {
+  heartbeatMode = beating;
+  if (!beating) endWorker(&ClientLink::heartbeatThread);
 }
 
 void CommunicationClient::State::setBroadcastMode(bool receiving) {
   broadcastMode = receiving;
   if (receiving) return;
-  const auto own = link.load();
-  if (own) own->stop.wake();
+  endWorker(&ClientLink::broadcastThread);
   if (onOwnThread()) {
     loop->requestStop();
-    return;
+  } else {
+    loop->stop();
   }
-  if (own) own->joinWorker(own->broadcastThread);
-  loop->stop();
 }
 
-void CommunicationClient::State::setHeartbeatMode(bool beating) {
-  heartbeatMode = beating;
+// The worker's mode is off: it ends by itself as soon as it looks.
+void CommunicationClient::State::endWorker(std::thread ClientLink::*worker) {
   const auto own = link.load();
-  if (beating || !own) return;
+  if (!own) return;
   own->stop.wake();
-  if (!onOwnThread()) own->joinWorker(own->heartbeatThread);
+  if (!onOwnThread()) own->joinWorker((*own).*worker);
 }
 
 }  // namespace brix

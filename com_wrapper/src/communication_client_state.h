@@ -99,6 +99,7 @@ class TCP_COM_HIDDEN CommunicationClient::State
   bool startWorkers(const std::shared_ptr<ClientLink>& own);
   bool startWorker(const std::shared_ptr<ClientLink>& own, std::thread& worker, const char* name,
                    void (State::*body)(ClientLink&));
+  void endWorker(std::thread ClientLink::*worker);
   void retire(const std::shared_ptr<ClientLink>& old);
   void joinRetired();
   void notify(bool value);

@@ -13,6 +13,7 @@ namespace test {
 struct LogLine {
   brix::LogLevel level;
   std::string line;
+  Clock::time_point at;
 };
 
 /// Collects every line while it lives.
@@ -21,7 +22,7 @@ class LogCapture {
   LogCapture() {
     brix_log::setSink([this](brix::LogLevel level, const std::string& line) {
       std::lock_guard<std::mutex> lock(mutex_);
-      lines_.push_back({level, line});
+      lines_.push_back({level, line, Clock::now()});
     });
   }
   ~LogCapture() { brix_log::setSink(nullptr); }
@@ -43,6 +44,16 @@ class LogCapture {
   }
   std::size_t infos(const std::string& text) const { return count(brix::LogLevel::Info, text); }
   std::size_t errors(const std::string& text) const { return count(brix::LogLevel::Error, text); }
+
+  /// @return all lines in order, as "INFO text" or "ERROR text"
+  std::vector<std::string> leveledTexts() const {
+    std::vector<std::string> result = texts();
+    const std::vector<LogLine> entries = lines();
+    for (std::size_t i = 0; i < result.size(); ++i) {
+      result[i].insert(0, entries[i].level == brix::LogLevel::Error ? "ERROR " : "INFO ");
+    }
+    return result;
+  }
 
   /// @return the texts of all lines in order, without time, level and place
   std::vector<std::string> texts() const {

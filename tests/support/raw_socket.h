@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "wait.h"
 
@@ -47,9 +48,9 @@ class RawSocket {
   }
 
   /// @return two ends of one connection
-  static std::pair<RawSocket, RawSocket> pair() {
+  static std::pair<RawSocket, RawSocket> pair(int type = SOCK_STREAM) {
     int ends[2];
-    check(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "socketpair");
+    check(socketpair(AF_UNIX, type, 0, ends) == 0, "socketpair");
     return {RawSocket(ends[0]), RawSocket(ends[1])};
   }
 
@@ -118,6 +119,7 @@ class RawListener {
   }
 
   int port() const { return port_; }
+  void close() { socket_.close(); }
   RawSocket accept() const { return RawSocket(::accept(socket_.fd(), nullptr, nullptr)); }
 
   /// @return a port that nobody listens on any more
@@ -126,6 +128,28 @@ class RawListener {
  private:
   RawSocket socket_;
   int port_ = 0;
+};
+
+/// Sockets of somebody else in this process, on the lowest free numbers.
+class Bystanders {
+ public:
+  explicit Bystanders(std::size_t pairs = 32) {
+    while (pairs_.size() < pairs) pairs_.push_back(RawSocket::pair());
+  }
+
+  /// @return whether all are open and got no byte
+  bool untouched() const {
+    return std::all_of(pairs_.begin(), pairs_.end(),
+                       [](const auto& ends) { return idle(ends.first) && idle(ends.second); });
+  }
+
+ private:
+  static bool idle(const RawSocket& socket) {
+    char byte;
+    return recv(socket.fd(), &byte, 1, MSG_DONTWAIT) == -1 && errno == EAGAIN;
+  }
+
+  std::vector<std::pair<RawSocket, RawSocket>> pairs_;
 };
 
 }  // namespace test
