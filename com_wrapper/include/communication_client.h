@@ -26,9 +26,10 @@ namespace brix {
 ///   link has gone silent): the connection listener.
 /// A callback may send, connect, disconnect, set modes and destroy the client: there these only ask
 /// the client's threads to end and do not wait for them. `connect` and `disConnect` inside a
-/// callback give way when another thread is doing the same. Changing the listeners from inside a
-/// listener blocks that listener until the client disconnects, on purpose, with a log line. What a
-/// callback throws is logged, and the delivery goes on.
+/// callback give way when another thread is doing the same; a callback must not wait for such a
+/// thread. Changing the listeners from inside a listener blocks that listener until the client
+/// disconnects, on purpose, with a log line. What a callback throws is logged, and the delivery
+/// goes on.
 class TCP_COM_API CommunicationClient : public ThreadUnit {
  public:
   CommunicationClient();

@@ -102,6 +102,10 @@ int CommunicationClient::State::connectLocked(ThreadUnit& unit, BasicClientInter
   retire(link.load());
   joinRetired();
   const auto own = beginLink();
+  if (destroyed) {  // while this thread was connecting; whoever destroys the client waits for it
+    disConnect();
+    return kFailed;
+  }
   notify(true);
   const bool started = startWorkers(own);
   if (link.load() != own) retire(own);  // the listener has connected anew meanwhile
@@ -136,7 +140,7 @@ void CommunicationClient::State::joinRetired() {
 
 // Silence counts from here, not from the last chunk of the connection before.
 std::shared_ptr<ClientLink> CommunicationClient::State::beginLink() {
-  const auto next = std::make_shared<ClientLink>();
+  const auto next = std::make_shared<ClientLink>(heartbeatMode);
   log_time::timer_start(next->recvTimer);
   link = next;
   connected = true;
@@ -156,13 +160,15 @@ bool CommunicationClient::State::startWorker(const std::shared_ptr<ClientLink>& 
                                              void (State::*body)(ClientLink&)) {
   const auto state = shared_from_this();
   struct Running {  // counts the worker until it has ended, however it ends
-    explicit Running(ClientLink& counted) : link(counted) { ++link.running; }
-    ~Running() { --link.running; }
-    ClientLink& link;
+    explicit Running(std::shared_ptr<ClientLink> counted) : link(std::move(counted)) {
+      ++link->running;
+    }
+    ~Running() { --link->running; }
+    const std::shared_ptr<ClientLink> link;
   };
-  const auto running = std::make_shared<Running>(*own);
+  const auto running = std::make_shared<Running>(own);
   std::thread started;
-  const auto run = [state, own, running, body] { ((*state).*body)(*own); };
+  const auto run = [state, running, body] { ((*state).*body)(*running->link); };
   if (!startThread(started, name, run)) return false;
   std::lock_guard<std::mutex> lock(own->workersLock);
   worker = std::move(started);
@@ -176,7 +182,7 @@ void CommunicationClient::State::notify(bool value) {
 
 void CommunicationClient::State::closeTransport() {
   if (const auto handle = clientHandle.load()) {
-    guarded("closeClient", [&] { handle->closeClient(); });
+    guarded("closeClient exception: %s", [&] { handle->closeClient(); });
   }
 }
 
@@ -200,7 +206,7 @@ bool CommunicationClient::State::disConnect() {
     connected = false;
     ended->quitFlag = false;
     ended->stop.request();
-    guarded("connection listener", [this] { notify(false); });
+    guarded("connection listener exception: %s", [this] { notify(false); });
     if (printFlag) BRIX_LOG_INFO("CommunicationClient disconnected...");
   }
   sendQueue.takeAll();
@@ -209,13 +215,17 @@ bool CommunicationClient::State::disConnect() {
 }
 
 // The client goes away. Inside a callback its threads cannot be waited for: they end by themselves
-// on this state, and no listener is called any more.
+// on this state, and no listener is called any more. A callback on another thread may be connecting
+// anew meanwhile, hence the second round.
 void CommunicationClient::State::release() {
   destroyed = true;
   disConnect();
   retire(link.load());
   joinRetired();
   loop->stop();  // a cycle must not begin on a half-destroyed object
+  disConnect();
+  retire(link.load());
+  joinRetired();
   changeListeners([this] {
     listeners.clear();
     msgListeners.clear();

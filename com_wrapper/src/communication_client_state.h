@@ -21,6 +21,7 @@ namespace brix {
 /// What belongs to one connection. Its threads end on its own stop signal, so that a new connection
 /// never meets the workers, the silence or the watchdog of the one before.
 struct ClientLink {
+  explicit ClientLink(bool heartbeatMode) : heartbeats(heartbeatMode) {}
   ~ClientLink();
 
   /// Joins the workers, except one that calls this.
@@ -28,6 +29,7 @@ struct ClientLink {
   void joinWorker(std::thread& worker);
   void detachWorkers();
 
+  const bool heartbeats;  // whether it was begun in heartbeat mode
   StopSignal stop;
   std::atomic<int> running{0};  // workers that have not ended
   std::mutex workersLock;  // innermost; guards the handles: a thread is joined by who took it out
@@ -104,11 +106,12 @@ class TCP_COM_HIDDEN CommunicationClient::State
   void joinRetired();
   void notify(bool value);
   void closeTransport();
-  int handOver(const char* what, const std::function<void(BasicClientInterface&)>& send);
-  int handOverText(const char* what, const std::function<std::string()>& text);
+  int handOver(const char* fmt, const std::function<void(BasicClientInterface&)>& send);
+  int handOverText(const char* fmt, const std::function<std::string()>& text);
 
   std::string readChunk(BasicClientInterface& handle);
   void warnOfSilence(ClientLink& own);
+  bool beating(const ClientLink& own) const;
   void cutMessages(const std::string& chunk, const std::string& delimiter);
   void reportUnfinished(const std::string& chunk) const;
   bool watchdogFires(ClientLink& own, const log_time::TimerUnit& idle);

@@ -28,8 +28,11 @@ void CommunicationClient::State::cycle() {
   if (!connected) return;
   const auto own = link.load();
   if (own->quitFlag) {
+    log_time::timer_end(own->recvTimer);
+    warnOfSilence(*own);  // the last warning and the watchdog fall due together
     if (!disConnect()) return;
     own->joinWorkers();
+    joinRetired();
     if (printFlag) BRIX_LOG_INFO("communication thread quit.");
     return;
   }
@@ -54,7 +57,7 @@ std::string CommunicationClient::State::readChunk(BasicClientInterface& handle) 
 
 void CommunicationClient::State::warnOfSilence(ClientLink& own) {
   const double silentMs = own.recvTimer.elapsed;
-  if (!heartbeatMode || silentMs <= own.warnCount * warnInterval) return;
+  if (!beating(own) || silentMs <= own.warnCount * warnInterval) return;
   ++own.warnCount;
   BRIX_LOG_ERROR("recv cost exceed %f ms, still recv nothing.", silentMs);
 }
@@ -71,6 +74,11 @@ void CommunicationClient::State::reportUnfinished(const std::string& chunk) cons
   if (atomicLoad(brix_controller_error) || !printFlag) return;
   BRIX_LOG_INFO("%c%s", "yellow", chunk.c_str());
   BRIX_LOG_INFO("%s", recvBuffer.buffer().c_str());
+}
+
+// A mode that is turned on later has no heartbeat in this connection to rely on.
+bool CommunicationClient::State::beating(const ClientLink& own) const {
+  return own.heartbeats && heartbeatMode;
 }
 
 void CommunicationClient::State::broadcastLoop(ClientLink& own) {
@@ -91,7 +99,7 @@ void CommunicationClient::State::broadcastLoop(ClientLink& own) {
 }
 
 bool CommunicationClient::State::watchdogFires(ClientLink& own, const log_time::TimerUnit& idle) {
-  if (idle.elapsed < recvTimeout || !heartbeatMode) return false;
+  if (idle.elapsed < recvTimeout || !beating(own)) return false;
   if (printFlag) BRIX_LOG_INFO("has data %b, duration %f", false, idle.elapsed);
   own.quitFlag = true;
   return true;
@@ -110,11 +118,11 @@ void CommunicationClient::State::deliver(ClientLink& own) {
 void CommunicationClient::State::deliverOne(const std::string& msg) {
   for (std::size_t i = 0; i < listeners.size(); ++i) {
     iRecieveListener* const listener = listeners[i];
-    if (listener != nullptr) guarded("onReceive", [&] { listener->onReceive(msg); });
+    if (listener != nullptr) guarded("onReceive exception: %s", [&] { listener->onReceive(msg); });
   }
   for (std::size_t i = 0; i < msgListeners.size(); ++i) {
     const auto callback = msgListeners[i];
-    guarded("message listener", [&] { (*callback)(msg); });
+    guarded("message listener exception: %s", [&] { (*callback)(msg); });
   }
 }
 
@@ -174,22 +182,23 @@ void CommunicationClient::State::heartbeatLoop(ClientLink& own) {
 }
 
 int CommunicationClient::State::send(const std::string& msg) {
-  return handOverText("sendMsg", [&] { return msg; });
+  return handOverText("sendMsg exception: %s", [&] { return msg; });
 }
 
 int CommunicationClient::State::sendRequest(const Json::Value& request) {
-  return handOverText("sendRequest", [&] {
+  return handOverText("sendRequest exception: %s", [&] {
     return brix_json::toStrWithoutIndentation(request, brix_json::kPrecision);
   });
 }
 
 int CommunicationClient::State::sendBytes(const char* data, int len) {
-  return handOver("sendMsg", [&](BasicClientInterface& handle) { handle.sendMsg(data, len); });
+  return handOver("sendMsg exception: %s",
+                  [&](BasicClientInterface& handle) { handle.sendMsg(data, len); });
 }
 
-int CommunicationClient::State::handOverText(const char* what,
+int CommunicationClient::State::handOverText(const char* fmt,
                                              const std::function<std::string()>& text) {
-  return handOver(what, [&](BasicClientInterface& handle) {
+  return handOver(fmt, [&](BasicClientInterface& handle) {
     if (sendMode) {
       sendQueue.push(text());
     } else {
@@ -198,12 +207,12 @@ int CommunicationClient::State::handOverText(const char* what,
   });
 }
 
-int CommunicationClient::State::handOver(const char* what,
+int CommunicationClient::State::handOver(const char* fmt,
                                          const std::function<void(BasicClientInterface&)>& send) {
   if (!connected) return kNotConnected;
   const auto handle = clientHandle.load();
   if (!handle) return kNotConnected;
-  return guarded(what, [&] { send(*handle); }) ? kSent : kSendThrew;
+  return guarded(fmt, [&] { send(*handle); }) ? kSent : kSendThrew;
 }
 
 }  // namespace brix

@@ -34,10 +34,12 @@ using FunctionList = std::vector<std::shared_ptr<const Function>>;
 /// What the server shares with its broadcast thread and the transport's listeners: both may outlive
 /// the server.
 ///
-/// Lock order: the transport's connection lock, then stateLock; the transport's receive lock, then
-/// rawDataLock. These two are never held together. Both are recursive so that a callback may
-/// replace itself. lifecycleLock comes before all of them.
+/// Lock order: lifecycleLock; the transport's connection lock, then stateLock; the transport's
+/// receive lock, then rawDataLock. The last two are never held together: inside one of this
+/// server's callbacks neither is taken.
 struct TCP_COM_HIDDEN CommunicationServer::State : std::enable_shared_from_this<State> {
+  ~State() { detachIfJoinable(broadcastThread); }  // its last holder may be that thread
+
   void setServerHandle(const std::shared_ptr<BasicServerInterface>& handle);
   void terminate();
   void release();
@@ -47,33 +49,38 @@ struct TCP_COM_HIDDEN CommunicationServer::State : std::enable_shared_from_this<
   void recieveMsg(const std::string& msg);
   void connectionNotify(bool value);
   void broadcastLoop(StopSignal& run);
-  bool waitForAudience(StopSignal& run, std::unique_lock<std::recursive_mutex>& lock);
   void broadcastOnce(StopSignal& run);
-  void stopTransportIfAsked();
+  bool waitForAudience(StopSignal& run, std::unique_lock<std::mutex>& lock);
+  void finishTransportWork();
+  void requestStop();
   bool onBroadcastThread() const { return ThreadMark::standsFor(&broadcastThread); }
+  bool insideCallback() const { return ThreadMark::standsFor(this); }
+  template <typename Function>
+  void replace(std::mutex& runningCalls, ValueSlot<FunctionList<Function>>& list, Function next);
 
   DataQueue<std::string> firstQueue;
   DataQueue<std::string> secondQueue;
-  std::atomic<bool> quit{false};
+  ValueSlot<std::shared_ptr<StopSignal>> quit;  // of the last broadcast thread; each has its own
   ValueSlot<std::shared_ptr<BasicServerInterface>> serverHandle;
-  std::recursive_mutex rawDataLock;
-  FunctionList<RawDataFunc> rawDataFuncs;                // rawDataLock
-  FunctionList<ConnectionListener> connectionListeners;  // stateLock
+  std::mutex rawDataLock;  // held while raw-data functions run
+  ValueSlot<FunctionList<RawDataFunc>> rawDataFuncs;
+  ValueSlot<FunctionList<ConnectionListener>> connectionListeners;
   std::atomic<bool> connected{false};  // changed under stateLock, and by terminate()
   CallbackSlot<std::string()> broadcastFunc;
   std::atomic<double> broadcastRate{kDefaultBroadcastMs};
   std::atomic<double> sendRate{0.0};
   std::atomic<double> recvRate{0.0};
   std::thread broadcastThread;  // lifecycleLock
-  std::recursive_mutex stateLock;
-  std::condition_variable_any connectionCondition;
+  std::mutex stateLock;         // held while connection listeners and the broadcast function run
+  std::condition_variable connectionCondition;
   CallbackSlot<void(const std::string&)> sentMsgObserver;
   log_time::TimerUnit timerUnit;
 
   std::mutex lifecycleLock;
-  ValueSlot<std::shared_ptr<StopSignal>> broadcastRun;  // stops the broadcast thread of one start
-  ValueSlot<std::shared_ptr<BasicServerInterface>>
-      toTerminate;    // asked for by the broadcast thread
+  std::atomic<bool> closed{false};  // the server is gone: no broadcast thread starts any more
+  // What the broadcast thread has to do for its function once that has returned.
+  ValueSlot<std::shared_ptr<BasicServerInterface>> toTerminate;
+  ValueSlot<std::shared_ptr<BasicServerInterface>> toRelease;
   DeliveryGate gate;  // the transport's deliveries
 };
 
@@ -91,6 +98,8 @@ void CommunicationServer::setServerHandle(std::shared_ptr<BasicServerInterface> 
 // The transport may outlive this server: its listeners hold the state only while they run.
 void CommunicationServer::State::setServerHandle(
     const std::shared_ptr<BasicServerInterface>& handle) {
+  // Its destruction would join threads that may be waiting for the lock held here.
+  if (onBroadcastThread()) toRelease = serverHandle.load();
   serverHandle = handle;
   if (!handle) return;
   const std::weak_ptr<State> weak = weak_from_this();
@@ -114,7 +123,6 @@ int CommunicationServer::initialize(int port) {
     BRIX_LOG_ERROR("server handle not set, cannot initialize...");
     return kNoServerHandle;
   }
-  state_->quit = false;
   return handle->initialize(port);
 }
 
@@ -123,12 +131,11 @@ void CommunicationServer::terminate() {
   state->terminate();
 }
 
-// Stop sequence: 1. quit flag, which ends the broadcast thread's pause; 2. wake its wait; 3. stop
+// Stop sequence: 1. quit signal, which ends the broadcast thread's pause; 2. wake its wait; 3. stop
 // the transport. The broadcast thread itself holds the state lock, for which the transport's
 // threads may be waiting: it does 3 when its function has returned.
 void CommunicationServer::State::terminate() {
-  quit = true;
-  if (const auto run = broadcastRun.load()) run->request();
+  requestStop();
   connected = false;
   connectionCondition.notify_all();
   const auto handle = serverHandle.load();
@@ -140,17 +147,19 @@ void CommunicationServer::State::terminate() {
   }
 }
 
+void CommunicationServer::State::requestStop() {
+  if (const auto run = quit.load()) run->request();
+}
+
 // Inside a callback nobody can be waited for: the callback may hold a lock that they need.
 void CommunicationServer::State::release() {
-  const bool insideCallback = onBroadcastThread() || ThreadMark::standsFor(&gate);
-  gate.close();
-  if (insideCallback) {
-    const std::unique_lock<std::mutex> lock(lifecycleLock, std::try_to_lock);
-    if (lock) detachIfJoinable(broadcastThread);
-  } else {
-    std::lock_guard<std::mutex> lock(lifecycleLock);
-    joinIfJoinable(broadcastThread);
-  }
+  const bool wait = !insideCallback();
+  closed = true;
+  requestStop();  // of a thread that a callback has started since terminate()
+  gate.close(wait);
+  if (!wait) return;
+  std::lock_guard<std::mutex> lock(lifecycleLock);
+  joinIfJoinable(broadcastThread);
 }
 
 void CommunicationServer::setSendRate(double rate) {
@@ -200,35 +209,46 @@ void CommunicationServer::registerBroadcastFunc(std::function<std::string()> fun
 }
 
 // Outside the broadcast thread this waits for an earlier thread, which ends only by terminate(). On
-// that thread the new one takes over.
+// that thread the new one takes over when the function has returned.
 void CommunicationServer::State::startBroadcasting() {
   std::unique_lock<std::mutex> lock(lifecycleLock, std::defer_lock);
+  const auto previous = std::make_shared<std::thread>();
   if (onBroadcastThread()) {
     if (!lock.try_lock()) return;  // another registration is waiting for this very thread
-    broadcastRun.load()->request();
-    detachIfJoinable(broadcastThread);
+    requestStop();
+    previous->swap(broadcastThread);
   } else {
     lock.lock();
     joinIfJoinable(broadcastThread);
   }
-  quit = false;
   const auto run = std::make_shared<StopSignal>();
-  broadcastRun = run;
-  startThread(broadcastThread, "broadcast thread",
-              [state = shared_from_this(), run] { state->broadcastLoop(*run); });
+  quit = run;
+  if (closed) run->request();
+  const auto body = [state = shared_from_this(), run, previous] {
+    joinIfJoinable(*previous);
+    state->broadcastLoop(*run);
+  };
+  if (!startThread(broadcastThread, "broadcast thread", body)) detachIfJoinable(*previous);
+}
+
+// From outside this returns when the function before is not running any more. Inside a callback the
+// lock may be held by this very thread, or by one that waits for it.
+template <typename Function>
+void CommunicationServer::State::replace(std::mutex& runningCalls,
+                                         ValueSlot<FunctionList<Function>>& list, Function next) {
+  std::unique_lock<std::mutex> lock(runningCalls, std::defer_lock);
+  if (!insideCallback()) lock.lock();
+  list = FunctionList<Function>{std::make_shared<const Function>(std::move(next))};
 }
 
 void CommunicationServer::registerRawDataBroadcastFunc(
     std::function<std::string(const std::string&)> func) {
-  std::lock_guard<std::recursive_mutex> lock(state_->rawDataLock);
-  state_->rawDataFuncs.clear();
-  state_->rawDataFuncs.push_back(std::make_shared<RawDataFunc>(std::move(func)));
+  state_->replace(state_->rawDataLock, state_->rawDataFuncs, RawDataFunc(std::move(func)));
 }
 
 void CommunicationServer::registerConnectionListener(std::function<void(bool)> listener) {
-  std::lock_guard<std::recursive_mutex> lock(state_->stateLock);
-  state_->connectionListeners.clear();
-  state_->connectionListeners.push_back(std::make_shared<ConnectionListener>(std::move(listener)));
+  state_->replace(state_->stateLock, state_->connectionListeners,
+                  ConnectionListener(std::move(listener)));
 }
 
 void CommunicationServer::registerSentMsgObserver(
@@ -254,9 +274,9 @@ void CommunicationServer::recieveMsgCallback(const std::string& msg) {
 }
 
 void CommunicationServer::State::recieveMsg(const std::string& msg) {
-  std::lock_guard<std::recursive_mutex> lock(rawDataLock);
-  const auto funcs = rawDataFuncs;  // a function may replace itself
-  for (const auto& func : funcs) {
+  std::lock_guard<std::mutex> lock(rawDataLock);
+  const ThreadMark mark(this);
+  for (const auto& func : rawDataFuncs.load()) {
     const std::string reply = (*func)(msg);
     if (!reply.empty()) sendMsg(reply);
   }
@@ -268,7 +288,8 @@ void CommunicationServer::connectionNotify(bool connected) {
 }
 
 void CommunicationServer::State::connectionNotify(bool value) {
-  std::lock_guard<std::recursive_mutex> lock(stateLock);
+  std::lock_guard<std::mutex> lock(stateLock);
+  const ThreadMark mark(this);
   // Stored also when a listener throws: clients that are there are to be served.
   struct Store {
     State& state;
@@ -278,27 +299,27 @@ void CommunicationServer::State::connectionNotify(bool value) {
       state.connectionCondition.notify_all();
     }
   } const store{*this, value};
-  const auto listeners = connectionListeners;  // a listener may replace itself
-  for (const auto& listener : listeners) (*listener)(value);
+  for (const auto& listener : connectionListeners.load()) (*listener)(value);
 }
 
 void CommunicationServer::broadcastAutomaticFunc() {
   const auto state = state_;
-  if (const auto run = state->broadcastRun.load()) state->broadcastLoop(*run);
+  if (const auto run = state->quit.load()) state->broadcastLoop(*run);
 }
 
 void CommunicationServer::State::broadcastLoop(StopSignal& run) {
-  const ThreadMark mark(&broadcastThread);
+  const ThreadMark broadcastMark(&broadcastThread);
+  const ThreadMark mark(this);
   while (!run.requested()) {
     run.pauseMs(broadcastRate);
-    guarded("broadcast function", [&] { broadcastOnce(run); });
-    stopTransportIfAsked();
+    guarded("broadcast function exception: %s", [&] { broadcastOnce(run); });
+    finishTransportWork();
   }
   BRIX_LOG_INFO("broadcastAutomaticFunc quit...");
 }
 
 void CommunicationServer::State::broadcastOnce(StopSignal& run) {
-  std::unique_lock<std::recursive_mutex> lock(stateLock);
+  std::unique_lock<std::mutex> lock(stateLock);
   if (!waitForAudience(run, lock)) return;
   const std::string text = broadcastFunc();
   if (connected || sentMsgObserver) sendMsg(text);
@@ -306,18 +327,18 @@ void CommunicationServer::State::broadcastOnce(StopSignal& run) {
 
 /// @return false on a stop
 bool CommunicationServer::State::waitForAudience(StopSignal& run,
-                                                 std::unique_lock<std::recursive_mutex>& lock) {
+                                                 std::unique_lock<std::mutex>& lock) {
   while (!connected && !run.requested() && !sentMsgObserver) {
     connectionCondition.wait_for(lock, std::chrono::milliseconds(kRetestMs));
   }
   return !run.requested();
 }
 
-void CommunicationServer::State::stopTransportIfAsked() {
+void CommunicationServer::State::finishTransportWork() {
   const auto handle = toTerminate.load();
-  if (!handle) return;
   toTerminate = nullptr;
-  handle->terminateServer();
+  if (handle) handle->terminateServer();
+  toRelease = nullptr;
 }
 
 }  // namespace brix

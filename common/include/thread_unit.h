@@ -31,7 +31,7 @@ class TCP_COM_API ThreadUnit {
   ThreadUnit& operator=(const ThreadUnit&) = delete;
 
   /// Prints "start NAME" and starts the thread unless it runs. A thread that is still ending is
-  /// waited for; on the unit's own thread a stop that was asked for there is taken back. If no
+  /// waited for; on the unit's own thread a stop that nobody waits for is taken back. If no
   /// thread can be created, nothing happens.
   void start();
 

@@ -4,15 +4,15 @@
 
 #include <exception>
 
-#include "log_facade.h"
+#include "log_macros.h"
 
 namespace brix {
 
 /// Runs code of the application, or code that calls it: nothing that it throws gets past here.
-/// @param what  names the callback in the log line
+/// @param fmt  the log line for what was thrown, with one "%s"
 /// @return whether nothing was thrown
 template <typename Body>
-bool guarded(const char* what, Body&& body, const char* file = __builtin_FILE(),
+bool guarded(const char* fmt, Body&& body, const char* file = __builtin_FILE(),
              int line = __builtin_LINE()) {
   try {
     body();
@@ -20,10 +20,9 @@ bool guarded(const char* what, Body&& body, const char* file = __builtin_FILE(),
   } catch (abi::__forced_unwind&) {
     throw;  // the thread is being ended: not an error, and must not be swallowed
   } catch (const std::exception& error) {
-    getLogInstance()->log(file, line, LogLevel::Error, "%s exception: %s", what, error.what());
+    logTwice(file, line, LogLevel::Error, fmt, error.what());
   } catch (...) {
-    getLogInstance()->log(file, line, LogLevel::Error, "%s exception: %s", what,
-                          "not a std::exception");
+    logTwice(file, line, LogLevel::Error, fmt, "not a std::exception");
   }
   return false;
 }

@@ -3,8 +3,6 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "thread_mark.h"
-
 namespace brix {
 
 /// Lets an object that others call back go away: counts the deliveries that run, and lets none in
@@ -14,7 +12,7 @@ class DeliveryGate {
   /// One delivery.
   class Entry {
    public:
-    explicit Entry(DeliveryGate& gate) : gate_(gate), mark_(&gate), entered_(gate.enter()) {}
+    explicit Entry(DeliveryGate& gate) : gate_(gate), entered_(gate.enter()) {}
     ~Entry() {
       if (entered_) gate_.leave();
     }
@@ -24,18 +22,15 @@ class DeliveryGate {
 
    private:
     DeliveryGate& gate_;
-    ThreadMark mark_;
     bool entered_;
   };
 
-  /// Closes the gate and waits for the deliveries that run, unless one of them runs on this very
-  /// thread.
-  void close() {
+  /// Lets no further delivery in.
+  /// @param wait  return only when none is running; not from inside one
+  void close(bool wait) {
     std::unique_lock<std::mutex> lock(mutex_);
     closed_ = true;
-    if (!ThreadMark::standsFor(this)) {
-      empty_.wait(lock, [this] { return running_ == 0; });
-    }
+    if (wait) empty_.wait(lock, [this] { return running_ == 0; });
   }
 
  private:

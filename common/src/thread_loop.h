@@ -38,6 +38,7 @@ class ThreadLoop {
   void joinEnded();
   bool enterLoop();
   bool leaveLoop();
+  void ended();
 
   std::atomic<bool> running_{false};
   StopSignal quit_;
@@ -45,11 +46,11 @@ class ThreadLoop {
   std::atomic<double> periodMs_;
   const std::string name_;
 
-  std::mutex mutex_;  // guards thread_, created_, alive_, restarts_ and every change of running_
+  std::mutex mutex_;  // guards thread_, created_, alive_, stopping_ and every change of running_
   std::condition_variable changed_;
   bool created_ = false;  // thread_ is to be joined
   bool alive_ = false;    // a thread is inside run()
-  long restarts_ = 0;     // stops that were taken back on the loop's own thread
+  int stopping_ = 0;      // threads that wait for the loop to end
 };
 
 }  // namespace brix

@@ -15,14 +15,15 @@ bool ThreadLoop::onOwnThread() const {
 }
 
 // Starting waits for a thread that is still ending, so that two loops never run side by side. On
-// the loop's own thread that would be endless: there the stop is taken back and the thread goes on.
+// the loop's own thread that would be endless: there a stop that nobody waits for is taken back,
+// and the thread goes on.
 bool ThreadLoop::start(ThreadUnit& unit) {
   std::printf("start %s\n", name_.c_str());
   std::unique_lock<std::mutex> lock(mutex_);
   if (onOwnThread()) {
+    if (stopping_ > 0) return false;
     quit_.reset();
     running_ = true;
-    ++restarts_;
     changed_.notify_all();
     return true;
   }
@@ -41,15 +42,16 @@ bool ThreadLoop::start(ThreadUnit& unit) {
   return true;
 }
 
-// Stop sequence: 1. quit flag, which ends the pause; 2. wait until the loop has ended, or was
-// started again by its own cycle; 3. join. On the loop's own thread only 1.
+// Stop sequence: 1. quit flag, which ends the pause; 2. wait until the loop has ended; 3. join. On
+// the loop's own thread only 1.
 void ThreadLoop::stop() {
   std::unique_lock<std::mutex> lock(mutex_);
   request();
   if (onOwnThread()) return;
-  const long restarts = restarts_;
-  changed_.wait(lock, [&] { return !alive_ || restarts_ != restarts; });
-  if (!alive_) joinEnded();
+  ++stopping_;
+  changed_.wait(lock, [this] { return !alive_; });
+  --stopping_;
+  joinEnded();
 }
 
 void ThreadLoop::requestStop() {
@@ -80,30 +82,47 @@ void ThreadLoop::joinEnded() {
 
 bool ThreadLoop::enterLoop() {
   std::lock_guard<std::mutex> lock(mutex_);
-  const bool quit = quit_.requested();
-  running_ = !quit;
-  alive_ = !quit;
-  if (quit) changed_.notify_all();
-  return !quit;
+  if (quit_.requested()) {
+    ended();
+    return false;
+  }
+  running_ = true;
+  alive_ = true;
+  return true;
 }
 
+/// @return false if the loop goes on
 bool ThreadLoop::leaveLoop() {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!quit_.requested()) return false;
+  ended();
+  return true;
+}
+
+void ThreadLoop::ended() {
   running_ = false;
   alive_ = false;
   changed_.notify_all();
-  return true;
 }
 
 void ThreadLoop::run(ThreadUnit& unit) {
   prctl(PR_SET_NAME, name_.c_str());  // a failure only costs the name
   const ThreadMark mark(this);
   if (!enterLoop()) return;
+  struct Leaver {  // a cycle may end its thread with pthread_exit
+    ThreadLoop& loop;
+    bool left = false;
+    ~Leaver() {
+      if (left) return;
+      std::lock_guard<std::mutex> lock(loop.mutex_);
+      loop.ended();
+    }
+  } leaver{*this};
   do {  // after a cycle that destroyed the unit, quit is set and the unit is not touched again
-    guarded("threadCycle", [&unit] { unit.threadCycle(); });
+    guarded("threadCycle exception: %s", [&unit] { unit.threadCycle(); });
     quit_.pauseMs(periodMs_);
-  } while (!leaveLoop());
+    leaver.left = leaveLoop();
+  } while (!leaver.left);
 }
 
 ThreadUnit::ThreadUnit(const std::string& name, double periodMs)

@@ -17,7 +17,7 @@ template <typename Body>
 bool startThread(std::thread& handle, const char* what, Body&& body) {
   try {
     handle = std::thread(
-        [what, run = std::forward<Body>(body)]() mutable { guarded(what, [&] { run(); }); });
+        [run = std::forward<Body>(body)]() mutable { guarded("thread exception: %s", run); });
     return true;
   } catch (const std::exception& error) {
     BRIX_LOG_ERROR("start thread failed, %s: %s", what, error.what());

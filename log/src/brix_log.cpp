@@ -52,11 +52,11 @@ std::string timeStamp() {
 
 /// Writes all bytes; one write in the usual case, more only where a pipe takes a long line in
 /// parts.
-void writeAll(const std::string& bytes) {
+void writeAll(const char* data, std::size_t size) {
   const brix::SigpipeGuard guard(brix::SigpipeGuard::Block::Sigpipe);
   std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t written = write(STDERR_FILENO, bytes.data() + done, bytes.size() - done);
+  while (done < size) {
+    const ssize_t written = write(STDERR_FILENO, data + done, size - done);
     if (written > 0) {
       done += static_cast<std::size_t>(written);
     } else if (written == -1 && errno == EPIPE) {
@@ -71,7 +71,8 @@ void writeAll(const std::string& bytes) {
 void writeToStandardError(const std::string& line, const char* colorEscape) {
   const bool colored = colorEscape != nullptr && isatty(STDERR_FILENO) == 1;
   const char* reset = brix::detail::kColorRows[0].escape;
-  writeAll(colored ? colorEscape + line + reset + "\n" : line + "\n");
+  const std::string bytes = colored ? colorEscape + line + reset + "\n" : line + "\n";
+  writeAll(bytes.data(), bytes.size());
 }
 
 bool callSink(const Sink& sink, brix::LogLevel level, const std::string& line) {
@@ -120,7 +121,8 @@ void keepingErrno(Body&& body) {
   } catch (abi::__forced_unwind&) {
     throw;
   } catch (...) {
-    writeAll("ERROR a log line was lost\n");
+    constexpr char kLost[] = "ERROR a log line was lost\n";
+    writeAll(kLost, sizeof kLost - 1);
   }
 }
 

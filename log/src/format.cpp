@@ -35,7 +35,7 @@ class Text {
     omitted_ += size - taken;
   }
   void append(const std::string& part) { append(part.data(), part.size()); }
-  bool full() const { return text_.size() == maxBytes_; }
+  std::size_t room() const { return maxBytes_ - text_.size(); }
   void omit(std::size_t bytes) { omitted_ += bytes; }
 
   std::string take() {
@@ -253,7 +253,7 @@ void Formatter::convertWideText(const Conversion& conversion) {
   const std::size_t limit =
       conversion.precision >= 0 ? static_cast<std::size_t>(conversion.precision) : wcslen(value);
   std::string narrow;
-  for (std::size_t i = 0; i < limit && value[i] != L'\0' && !text_.full(); ++i) {
+  for (std::size_t i = 0; i < limit && value[i] != L'\0' && text_.room() > 0; ++i) {
     narrow += value[i] > 0 && value[i] < 128 ? static_cast<char>(value[i]) : '?';
   }
   appendEscaped(conversion, narrow.data(), narrow.size());
@@ -289,7 +289,9 @@ std::string escaped(char byte) {
 void Formatter::appendEscaped(const Conversion& conversion, const char* data, std::size_t size) {
   std::string value;
   std::size_t i = 0;
-  for (const std::size_t room = text_.full() ? 0 : size; i < room;) {
+  const std::size_t room =
+      std::max(text_.room(), std::size_t{kWidestField});  // more could only be cut again
+  while (i < size && value.size() <= room) {
     const std::size_t control = controlBytes(data + i, size - i);
     if (control == 0) {
       value += data[i++];

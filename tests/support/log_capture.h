@@ -45,23 +45,15 @@ class LogCapture {
   std::size_t infos(const std::string& text) const { return count(brix::LogLevel::Info, text); }
   std::size_t errors(const std::string& text) const { return count(brix::LogLevel::Error, text); }
 
-  /// @return all lines in order, as "INFO text" or "ERROR text"
-  std::vector<std::string> leveledTexts() const {
-    std::vector<std::string> result = texts();
-    const std::vector<LogLine> entries = lines();
-    for (std::size_t i = 0; i < result.size(); ++i) {
-      result[i].insert(0, entries[i].level == brix::LogLevel::Error ? "ERROR " : "INFO ");
-    }
-    return result;
-  }
-
-  /// @return the texts of all lines in order, without time, level and place
-  std::vector<std::string> texts() const {
+  /// @return the texts of all lines in order, without time and place, behind "INFO " or "ERROR " if
+  ///   asked for
+  std::vector<std::string> texts(bool leveled = false) const {
     std::vector<std::string> result;
     for (const LogLine& entry : lines()) {
       std::size_t at = 0;  // date, time, level, place
       for (int field = 0; field < 4; ++field) at = entry.line.find(' ', at) + 1;
-      result.push_back(entry.line.substr(at));
+      const char* level = entry.level == brix::LogLevel::Error ? "ERROR " : "INFO ";
+      result.push_back((leveled ? level : "") + entry.line.substr(at));
     }
     return result;
   }

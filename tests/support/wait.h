@@ -67,13 +67,4 @@ inline std::size_t threadsNamed(const std::string& name) {
   return count;
 }
 
-/// @return whether that thread of this process waits in the kernel
-inline bool threadSleeps(int id) {
-  std::ifstream file("/proc/self/task/" + std::to_string(id) + "/stat");
-  std::string stat;
-  std::getline(file, stat);
-  const std::size_t name = stat.rfind(')');
-  return name != std::string::npos && stat.compare(name, 3, ") S") == 0;
-}
-
 }  // namespace test

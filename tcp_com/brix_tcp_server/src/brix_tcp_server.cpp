@@ -93,7 +93,8 @@ void BrixTcpServer::State::start(int port) {
   }
   std::lock_guard<std::mutex> lock(lifecycleLock);
   if (quit.requested()) joinWorkers();  // left over from a stop on one of these threads
-  if (acceptThread.joinable() || monitorThread.joinable()) {
+  if (acceptThread.joinable() || sendThread.joinable() || recvThread.joinable() ||
+      monitorThread.joinable()) {
     BRIX_LOG_ERROR("tcp server runs already, port %d not opened", port);
     return;
   }
@@ -142,17 +143,17 @@ void BrixTcpServer::State::release() {
     std::lock_guard<std::mutex> lock(selfLock);
     self = nullptr;
   }
-  if (ThreadMark::standsFor(this)) {
-    const std::unique_lock<std::mutex> lock(lifecycleLock, std::try_to_lock);
-    if (!lock) return;  // somebody is joining them
-    for (std::thread* thread : {&acceptThread, &sendThread, &recvThread, &monitorThread}) {
-      detachIfJoinable(*thread);
-    }
-    return;
-  }
+  if (ThreadMark::standsFor(this)) return;
   std::map<int, std::shared_ptr<TcpServerHandler>> ended;
   std::lock_guard<std::mutex> lock(mapLock);
   ended.swap(connections);
+}
+
+// The last holder may be one of these threads, at its very end.
+BrixTcpServer::State::~State() {
+  for (std::thread* thread : {&acceptThread, &sendThread, &recvThread, &monitorThread}) {
+    detachIfJoinable(*thread);
+  }
 }
 
 bool BrixTcpServer::State::releaseAble() const {

@@ -41,7 +41,7 @@ void BrixTcpServer::State::acceptLoop(int port) {
     BRIX_LOG_INFO("tcp server waiting for client on port %d, base socket %d...", port,
                   listener->number());
     const int socket = listener->accept();
-    if (socket >= 0) guarded("creatSocketHandle", [&] { createHandler(socket); });
+    if (socket >= 0) guarded("creatSocketHandle exception: %s", [&] { createHandler(socket); });
   }
   BRIX_LOG_INFO("tcp server exit");
   endListening();
@@ -110,7 +110,7 @@ void BrixTcpServer::State::createHandler(int socket) {
   const int id = ++idCounter;
   sendAtOnce(socket);
   std::shared_ptr<TcpServerHandler> handler;
-  const bool made = guarded("connection handler", [&] {
+  const bool made = guarded("connection handler exception: %s", [&] {
     handler = std::make_shared<TcpServerHandler>(
         socket, id, wholeMs(rate(&BasicServerInterface::recvRate)), HandlerStart::Held);
   });
@@ -139,7 +139,7 @@ void BrixTcpServer::State::insertHandler(int id, const std::shared_ptr<TcpServer
 }
 
 void BrixTcpServer::State::connectionNotify(bool value) {
-  guarded("connection listener", [&] { connectionListener(value); });
+  guarded("connection listener exception: %s", [&] { connectionListener(value); });
   std::lock_guard<std::mutex> recvGuard(recvLock);
   std::lock_guard<std::mutex> sendGuard(sendLock);
   if (!value) {

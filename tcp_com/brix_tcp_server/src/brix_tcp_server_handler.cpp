@@ -117,12 +117,15 @@ void TcpServerHandler::State::waitForRelease() {
   gate.wait(lock, [this] { return released; });
 }
 
+// However the loop ends, for want of memory too, the connection ends with it.
 void TcpServerHandler::State::receiveLoop(int intervalMs) {
   waitForRelease();
-  std::vector<char> block(kReceiveBlockBytes);
-  do {
-    quit.pauseMs(intervalMs);
-  } while (!quit.requested() && receiveChunk(block));
+  guarded("connection handler exception: %s", [&] {
+    std::vector<char> block(kReceiveBlockBytes);
+    do {
+      quit.pauseMs(intervalMs);
+    } while (!quit.requested() && receiveChunk(block));
+  });
   finish();
 }
 
@@ -133,14 +136,14 @@ bool TcpServerHandler::State::receiveChunk(std::vector<char>& block) {
   std::vector<std::string> msgs;
   splitter.feed(block.data(), static_cast<std::size_t>(received), msgs, delimiter.load());
   for (const std::string& msg : msgs) {
-    guarded("message callback", [&] { msgCallback(msg); });
+    guarded("message callback exception: %s", [&] { msgCallback(msg); });
   }
   return true;
 }
 
 void TcpServerHandler::State::finish() {
   socket.end();
-  guarded("quit callback", [this] { quitCallback(id); });
+  guarded("quit callback exception: %s", [this] { quitCallback(id); });
 }
 
 }  // namespace brix

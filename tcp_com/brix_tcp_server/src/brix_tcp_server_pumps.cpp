@@ -32,7 +32,7 @@ void BrixTcpServer::State::pumpLoop(const Pump& pump) {
     quit.pauseMs(rate(pump.rate));
     std::unique_lock<std::mutex> lock(pump.lock);
     if (!waitUntilConnected(lock)) break;
-    if (!pump.queue.empty()) guarded("tcp server pump", [&] { pumpOne(pump); });
+    if (!pump.queue.empty()) guarded("tcp server pump exception: %s", [&] { pumpOne(pump); });
   }
   BRIX_LOG_INFO(pump.exitText);
   pump.ended = true;
@@ -54,7 +54,7 @@ void BrixTcpServer::State::pumpOne(const Pump& pump) {
 }
 
 void BrixTcpServer::State::passToListener(const std::string& msg) {
-  guarded("message listener", [&] { msgListener(msg); });
+  guarded("message listener exception: %s", [&] { msgListener(msg); });
 }
 
 void BrixTcpServer::State::passToHandlers(const std::string& msg) {

@@ -24,6 +24,7 @@ namespace brix {
 /// the queues' and slots' own locks.
 struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State> {
   explicit State(BasicServerInterface* owner) : self(owner) {}
+  ~State();
 
   /// One direction's pump.
   struct Pump {
