@@ -90,6 +90,7 @@ int CommunicationClient::State::connect(ThreadUnit& unit, const std::string& ip,
 
 int CommunicationClient::State::connectLocked(ThreadUnit& unit, BasicClientInterface& handle,
                                               double timeout) {
+  loop->awaitEnding();  // a last cycle of the old connection must not read from the new one
   const int result = handle.connectServer(timeout);
   if (result != kConnected) return result;
   if (broadcastMode && !loop->start(unit)) {
@@ -186,8 +187,7 @@ void CommunicationClient::State::closeTransport() {
   }
 }
 
-// Stop sequence: 1. close the transport, which ends a blocked read or send; 2. end the receive
-// cycle;
+// Stop sequence: 1. close the transport, which ends a blocked read or send; 2. end the receiving;
 // 3. connected false, which ends the workers, whose pauses are interrupted; 4. tell the listener;
 // 5. drop what is queued. On the client's own threads 2 does not wait.
 /// @return false if another thread is disconnecting, which this one must not wait for
@@ -195,8 +195,8 @@ bool CommunicationClient::State::disConnect() {
   const bool own = onOwnThread();
   const auto lock = lockUnlessOwn(connectMutex, own);
   if (!lock) return false;
+  const auto ended = link.load();
   if (connected) {
-    const auto ended = link.load();
     closeTransport();
     if (own) {
       loop->requestStop();
@@ -209,8 +209,10 @@ bool CommunicationClient::State::disConnect() {
     guarded("connection listener exception: %s", [this] { notify(false); });
     if (printFlag) BRIX_LOG_INFO("CommunicationClient disconnected...");
   }
-  sendQueue.takeAll();
-  recvQueue.takeAll();
+  if (ended) {
+    ended->sendQueue.takeAll();
+    ended->recvQueue.takeAll();
+  }
   return true;
 }
 

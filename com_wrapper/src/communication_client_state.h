@@ -19,7 +19,7 @@
 namespace brix {
 
 /// What belongs to one connection. Its threads end on its own stop signal, so that a new connection
-/// never meets the workers, the silence or the watchdog of the one before.
+/// never meets the workers, the texts, the silence or the watchdog of the one before.
 struct ClientLink {
   explicit ClientLink(bool heartbeatMode) : heartbeats(heartbeatMode) {}
   ~ClientLink();
@@ -36,6 +36,8 @@ struct ClientLink {
   std::thread broadcastThread;
   std::thread heartbeatThread;
   std::thread sendThread;
+  SwapQueue sendQueue;
+  SwapQueue recvQueue;
   log_time::TimerUnit recvTimer;  // receive cycle only, as warnCount
   int warnCount = 1;
   std::atomic<bool> quitFlag{false};  // set by the watchdog
@@ -82,8 +84,6 @@ class TCP_COM_HIDDEN CommunicationClient::State
   std::vector<std::shared_ptr<const std::function<void(const std::string&)>>> msgListeners;
   std::mutex listenerMutex;
 
-  SwapQueue sendQueue;
-  SwapQueue recvQueue;
   MessageSplitter recvBuffer;  // receive cycle only
   ValueSlot<std::string> heartbeatMsg;
   log_time::TimerUnit spareTimer;
@@ -112,7 +112,7 @@ class TCP_COM_HIDDEN CommunicationClient::State
   std::string readChunk(BasicClientInterface& handle);
   void warnOfSilence(ClientLink& own);
   bool beating(const ClientLink& own) const;
-  void cutMessages(const std::string& chunk, const std::string& delimiter);
+  void cutMessages(ClientLink& own, const std::string& chunk, const std::string& delimiter);
   void reportUnfinished(const std::string& chunk) const;
   bool watchdogFires(ClientLink& own, const log_time::TimerUnit& idle);
   void deliver(ClientLink& own);

@@ -46,7 +46,7 @@ void CommunicationClient::State::cycle() {
   if (chunk == delimiter) return;  // no traffic, and nothing for the buffer
   log_time::timer_start(own->recvTimer);
   own->warnCount = 1;
-  cutMessages(chunk, delimiter);
+  cutMessages(*own, chunk, delimiter);
 }
 
 // A silent peer must not keep the cycle from counting the silence: nothing readable is an empty
@@ -62,12 +62,12 @@ void CommunicationClient::State::warnOfSilence(ClientLink& own) {
   BRIX_LOG_ERROR("recv cost exceed %f ms, still recv nothing.", silentMs);
 }
 
-void CommunicationClient::State::cutMessages(const std::string& chunk,
+void CommunicationClient::State::cutMessages(ClientLink& own, const std::string& chunk,
                                              const std::string& delimiter) {
   std::vector<std::string> msgs;
   recvBuffer.feed(chunk.data(), chunk.size(), msgs, delimiter);
   if (msgs.empty()) reportUnfinished(chunk);
-  for (std::string& msg : msgs) recvQueue.push(std::move(msg));
+  for (std::string& msg : msgs) own.recvQueue.push(std::move(msg));
 }
 
 void CommunicationClient::State::reportUnfinished(const std::string& chunk) const {
@@ -88,7 +88,7 @@ void CommunicationClient::State::broadcastLoop(ClientLink& own) {
   while (!own.stop.requested() && broadcastMode) {
     own.stop.pauseMs(recvRate, [this] { return !broadcastMode; });
     log_time::timer_end(idle);
-    if (recvQueue.empty()) {
+    if (own.recvQueue.empty()) {
       if (watchdogFires(own, idle)) break;
       continue;
     }
@@ -106,7 +106,7 @@ bool CommunicationClient::State::watchdogFires(ClientLink& own, const log_time::
 }
 
 void CommunicationClient::State::deliver(ClientLink& own) {
-  const std::vector<std::string> msgs = recvQueue.takeAll();
+  const std::vector<std::string> msgs = own.recvQueue.takeAll();
   std::lock_guard<std::mutex> lock(listenerMutex);
   const ThreadMark mark(&listenerMutex);
   delivering = &own;
@@ -146,7 +146,7 @@ void CommunicationClient::State::sendLoop(ClientLink& own) {
   try {
     while (!own.stop.requested() && sendMode) {
       own.stop.pauseMs(sendRate, [this] { return !sendMode; });
-      if (!sendQueue.empty()) sendBatch(own);
+      if (!own.sendQueue.empty()) sendBatch(own);
     }
   } catch (abi::__forced_unwind&) {
     throw;
@@ -156,10 +156,10 @@ void CommunicationClient::State::sendLoop(ClientLink& own) {
   if (printFlag) BRIX_LOG_ERROR("send thread quit...");
 }
 
-// Texts of a connection that has ended must not reach the next one.
+// After a reconnect the transport is that of the next connection, which must not get these texts.
 void CommunicationClient::State::sendBatch(ClientLink& own) {
   const auto handle = clientHandle.load();
-  for (std::string& text : sendQueue.takeAll()) {
+  for (std::string& text : own.sendQueue.takeAll()) {
     if (!handle || own.stop.requested()) return;
     const std::string& delimiter = handle->delimiter;
     if (text.size() > delimiter.size() && !endsWith(text, delimiter)) text += delimiter;
@@ -200,7 +200,7 @@ int CommunicationClient::State::handOverText(const char* fmt,
                                              const std::function<std::string()>& text) {
   return handOver(fmt, [&](BasicClientInterface& handle) {
     if (sendMode) {
-      sendQueue.push(text());
+      link.load()->sendQueue.push(text());
     } else {
       handle.sendMsg(text());
     }

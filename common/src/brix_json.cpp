@@ -19,11 +19,18 @@ bool hasComments(const Json::Value& value) {
   return false;
 }
 
-void dropComments(Json::Value& value) {
-  for (const auto placement : kPlacements) {
-    if (value.hasComment(placement)) value.setComment(std::string(), placement);
+Json::Value withoutComments(const Json::Value& value) {
+  Json::Value bare(value.type());
+  if (value.isObject()) {
+    for (auto member = value.begin(); member != value.end(); ++member) {
+      bare[member.name()] = withoutComments(*member);
+    }
+  } else if (value.isArray()) {
+    for (const Json::Value& element : value) bare.append(withoutComments(element));
+  } else {
+    bare.copyPayload(value);  // all but the comments
   }
-  for (Json::Value& child : value) dropComments(child);
+  return bare;
 }
 
 std::string write(const Json::Value& root, int precision) {
@@ -39,10 +46,7 @@ std::string write(const Json::Value& root, int precision) {
 }  // namespace
 
 std::string toStrWithoutIndentation(const Json::Value& root, int precision) {
-  if (!hasComments(root)) return write(root, precision);
-  Json::Value bare(root);
-  dropComments(bare);
-  return write(bare, precision);
+  return write(hasComments(root) ? withoutComments(root) : root, precision);
 }
 
 Json::Value parseStr(const std::string& text) {

@@ -27,7 +27,7 @@ bool ThreadLoop::start(ThreadUnit& unit) {
     changed_.notify_all();
     return true;
   }
-  changed_.wait(lock, [this] { return running_ || !alive_; });
+  awaitEnding(lock);
   if (running_) return true;
   joinEnded();
   const bool quitBefore = quit_.requested();
@@ -36,6 +36,7 @@ bool ThreadLoop::start(ThreadUnit& unit) {
     if (quitBefore) quit_.request();
     return false;
   }
+  ++runs_;
   created_ = true;
   alive_ = true;
   running_ = true;
@@ -48,10 +49,21 @@ void ThreadLoop::stop() {
   std::unique_lock<std::mutex> lock(mutex_);
   request();
   if (onOwnThread()) return;
+  const long run = runs_;
   ++stopping_;
-  changed_.wait(lock, [this] { return !alive_; });
+  changed_.wait(lock, [&] { return !alive_ || runs_ != run; });
   --stopping_;
-  joinEnded();
+  if (runs_ == run) joinEnded();  // otherwise a start on another thread has, and runs a new one
+}
+
+/// Waits while the loop is ending, unless this is its thread.
+void ThreadLoop::awaitEnding() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (!onOwnThread()) awaitEnding(lock);
+}
+
+void ThreadLoop::awaitEnding(std::unique_lock<std::mutex>& lock) {
+  changed_.wait(lock, [this] { return running_ || !alive_; });
 }
 
 void ThreadLoop::requestStop() {

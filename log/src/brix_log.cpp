@@ -96,8 +96,9 @@ void emit(brix::LogLevel level, const std::string& line, const char* colorEscape
     return;
   }
   Output& out = output();
+  std::shared_ptr<const Sink> sink;  // it may replace itself, and log as it is destroyed
   std::lock_guard<std::mutex> lock(out.mutex);
-  const std::shared_ptr<const Sink> sink = out.sink;  // it may replace itself
+  sink = out.sink;
   if (sink && callSink(*sink, level, line)) return;
   writeToStandardError(line, colorEscape);
 }

@@ -156,7 +156,7 @@ Conversion Formatter::parse() {
     conversion.precision = std::max(parseNumber(), -1);
   }
   for (; *at_ != '\0' && std::strchr("hlLjzt", *at_) != nullptr; ++at_) conversion.length += *at_;
-  if (*at_ != '\0' && std::strchr("diouxXcsbpeEfFgGaA", *at_) != nullptr)
+  if (*at_ != '\0' && std::strchr("diouxXcsbpneEfFgGaA", *at_) != nullptr)
     conversion.letter = *at_++;
   return conversion;
 }
@@ -164,6 +164,10 @@ Conversion Formatter::parse() {
 void Formatter::convert(const Conversion& conversion, const char* begin) {
   switch (conversion.letter) {
     case 0:  // unknown: its argument cannot be taken, so it is printed as it stands
+      text_.append(begin, static_cast<std::size_t>(at_ - begin));
+      break;
+    case 'n':  // never writes through a pointer
+      va_arg(args_, void*);
       text_.append(begin, static_cast<std::size_t>(at_ - begin));
       break;
     case 'b':

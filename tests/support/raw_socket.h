@@ -40,7 +40,7 @@ class RawSocket {
 
   /// Connects to 127.0.0.1.
   static RawSocket connectTo(int port) {
-    RawSocket socket(::socket(AF_INET, SOCK_STREAM, 0));
+    RawSocket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const sockaddr_in address = loopback(port);
     check(::connect(socket.fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
           "connect");

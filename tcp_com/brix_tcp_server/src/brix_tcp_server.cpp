@@ -143,6 +143,8 @@ void BrixTcpServer::State::release() {
     std::lock_guard<std::mutex> lock(selfLock);
     self = nullptr;
   }
+  connectionListener = nullptr;  // nobody is told any more
+  msgListener = nullptr;
   if (ThreadMark::standsFor(this)) return;
   std::map<int, std::shared_ptr<TcpServerHandler>> ended;
   std::lock_guard<std::mutex> lock(mapLock);

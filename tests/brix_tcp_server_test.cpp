@@ -1,0 +1,338 @@
+#include "brix_tcp_server.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <future>
+#include <random>
+#include <regex>
+
+#include "faults.h"
+#include "log_capture.h"
+#include "raw_socket.h"
+#include "texts.h"
+
+namespace {
+
+using namespace test;
+using Lines = std::vector<std::string>;
+
+/// A server and what its listeners were told.
+struct Subject {
+  Subject() {
+    server->registerConnectionListener([this](bool on) { links.add(on ? "on" : "off"); });
+    hearMessages();
+  }
+  void hearMessages() {
+    server->registerMsgListener([this](const std::string& msg) { msgs.add(msg); });
+  }
+  int open(int port = 0) {
+    EXPECT_EQ(server->initialize(port), 1);
+    EXPECT_TRUE(server->waitUntilListening(kDeadlineMs));
+    return server->listeningPort();
+  }
+  /// Connects and waits until the server knows.
+  RawSocket client() const {
+    const std::size_t before = links.count("on");
+    RawSocket socket = RawSocket::connectTo(server->listeningPort());
+    EXPECT_TRUE(eventually([&] { return links.count("on") > before; }));
+    return socket;
+  }
+
+  Texts links;
+  Texts msgs;
+  std::unique_ptr<brix::BrixTcpServer> server = std::make_unique<brix::BrixTcpServer>();
+};
+
+struct BrixTcpServerTest : testing::Test {
+  LogCapture log;
+};
+
+TEST_F(BrixTcpServerTest, LogsItsStepsAndNumbersItsClients) {
+  {
+    Subject subject;
+    subject.open();
+    subject.client().close();
+    EXPECT_TRUE(eventually([&] { return subject.links.all().size() == 2; }));
+    RawSocket second = subject.client();
+    subject.client().close();
+    EXPECT_TRUE(eventually([&] { return log.infos("remain connection counts 1") == 1; }));
+    second.close();
+    EXPECT_TRUE(eventually([&] { return subject.links.all().size() == 5; }));
+    EXPECT_EQ(subject.links.all(), (Lines{"on", "off", "on", "on", "off"}));
+    EXPECT_TRUE(eventually([&] { return log.infos("tcp server waiting") == 4; }));
+    subject.server->terminateServer();
+    EXPECT_TRUE(subject.server->releaseAble());
+  }
+  Lines lines;
+  for (const std::string& line : log.texts(true)) {
+    lines.push_back(std::regex_replace(line, std::regex("(base socket|id) \\d+"), "$1 N"));
+  }
+  std::sort(lines.begin(), lines.end());
+  const std::string waits = "INFO tcp server waiting for client on port 0, base socket N...";
+  const std::string terminated = "INFO tcp server terminated, base socket id N";
+  EXPECT_EQ(lines,
+            (Lines{"INFO socket 1 quit, remain connection counts 0",
+                   "INFO socket 2 quit, remain connection counts 0",
+                   "INFO socket 3 quit, remain connection counts 1", "INFO tcp server exit",
+                   "INFO tcp server init, port 0", "INFO tcp server recieve msg thread exit",
+                   "INFO tcp server recieve msg thread on", "INFO tcp server send msg thread exit",
+                   "INFO tcp server send msg thread on", terminated, terminated, waits, waits,
+                   waits, waits}));
+}
+
+TEST_F(BrixTcpServerTest, KeepsMessagesForAClientAndCountsABacklogDown) {
+  Subject subject;
+  subject.open();
+  std::string sent;
+  for (int i = 0; i < 150; ++i) {
+    subject.server->sendMsg(std::to_string(i));
+    subject.server->recieveMsgCallback(std::to_string(i));
+    sent += std::to_string(i) + "\r\n";
+  }
+  const RawSocket first = subject.client();
+  EXPECT_EQ(first.read(sent.size()), sent);
+  EXPECT_TRUE(eventually([&] { return subject.msgs.all().size() == 150; }));
+  EXPECT_EQ(subject.msgs.all().back(), "149");
+  for (const std::string pump : {"send", "recv"}) {
+    const std::string line = "Communication [" + pump + "] delay detected, delay ";
+    EXPECT_EQ(log.errors(line), 49u);
+    for (int i = 101; i < 150; ++i) EXPECT_EQ(log.errors(line + std::to_string(i)), 1u) << i;
+  }
+  const RawSocket second = subject.client();
+  const RawSocket third = subject.client();
+  subject.server->sendMsg(std::string("\0x", 2));
+  for (const auto* client : {&first, &second, &third}) {
+    EXPECT_EQ(client->read(4), std::string("\0x\r\n", 4));
+  }
+}
+
+TEST_F(BrixTcpServerTest, DeliversOneMessageAPeriodAndDropsThoseLeftBehind) {
+  Subject subject;
+  subject.server->setSendRate(150);
+  subject.server->setRecvRate(150);
+  subject.open();
+  {
+    const RawSocket first = subject.client();
+    subject.server->sendMsg("first");
+    EXPECT_EQ(first.read(7), "first\r\n");
+    subject.server->sendMsg("stale");
+    for (int i = 0; i < 3; ++i) subject.server->recieveMsgCallback("stale" + std::to_string(i));
+  }
+  EXPECT_TRUE(eventually([&] { return subject.links.count("off") == 1; }));
+  const RawSocket second = subject.client();
+  const auto start = Clock::now();
+  subject.server->sendMsg("fresh");
+  second.send("fresh\r\nlast\r\n");
+  EXPECT_EQ(second.read(7), "fresh\r\n");
+  EXPECT_TRUE(eventually([&] { return subject.msgs.count("last") == 1; }));
+  EXPECT_GE(elapsedMs(start), 150);
+  EXPECT_EQ(subject.msgs.count("stale2"), 0u);
+}
+
+TEST_F(BrixTcpServerTest, ReportsAPortThatCannotBeOpened) {
+  const RawListener busy;
+  for (const int port : {busy.port(), -1, 65536, 70000}) {
+    Subject subject;
+    EXPECT_EQ(subject.server->initialize(port), 1);
+    EXPECT_FALSE(subject.server->waitUntilListening(kDeadlineMs)) << port;
+    EXPECT_FALSE(subject.server->releaseAble());
+    subject.server->terminateServer();
+    EXPECT_FALSE(subject.server->releaseAble());
+  }
+  EXPECT_EQ(log.infos("Unable to bind"), 4u);
+  EXPECT_EQ(log.infos("wait_connection_thread not standby"), 8u);
+}
+
+TEST_F(BrixTcpServerTest, OutlivesListenersThatThrowAreEmptyOrReplaceThemselves) {
+  Subject subject;
+  subject.server->registerConnectionListener([](bool) { throw 7; });
+  const std::string text(100, 'x');
+  subject.server->registerMsgListener([&, text](const std::string& msg) {
+    if (msg == "throw") throw std::runtime_error("thrown");
+    subject.server->registerMsgListener({});
+    subject.msgs.add(text);  // replaced, but not gone before it returns
+  });
+  const RawSocket client = RawSocket::connectTo(subject.open());
+  client.send("throw\r\nreplace\r\nunheard\r\n");
+  EXPECT_TRUE(eventually([&] { return subject.msgs.count(text) == 1; }));
+  subject.hearMessages();
+  client.send("heard\r\n");
+  EXPECT_TRUE(eventually([&] { return subject.msgs.count("heard") == 1; }));
+  EXPECT_EQ(log.errors("connection listener exception: "), 1u);
+  EXPECT_EQ(log.errors("message listener exception: thrown"), 1u);
+}
+
+TEST_F(BrixTcpServerTest, MayBeStoppedAndDestroyedByItsListeners) {
+  enum Where { Arrival, Leaving, Message };
+  const std::size_t descriptors = openDescriptors();
+  const std::size_t runningThreads = threads();
+  std::atomic<bool> stopped{false};
+  std::atomic<bool> toldAfterwards{false};
+  for (int round = 0; round < 18; ++round) {
+    Subject subject;
+    stopped = false;
+    const auto stop = [&, destroys = round % 2 == 0, wanted = round % 3](int where) {
+      if (stopped && destroys) toldAfterwards = true;
+      if (stopped || where != wanted) return;
+      destroys ? subject.server.reset() : subject.server->terminateServer();
+      stopped = true;
+    };
+    subject.server->registerConnectionListener([stop](bool on) { stop(on ? Arrival : Leaving); });
+    subject.server->registerMsgListener([stop](const std::string&) { stop(Message); });
+    RawSocket client = RawSocket::connectTo(subject.open());
+    client.send("a\r\nb\r\n");
+    if (round % 3 == Leaving) client.close();
+    EXPECT_TRUE(eventually([&] { return stopped.load(); }));
+    const double ms = timedMs([&] {
+      subject.server.reset();
+      EXPECT_TRUE(eventually([&] { return client.ended() && threads() == runningThreads; }));
+    });
+    client.close();
+    EXPECT_LE(ms, kStopBoundMs) << round;
+    EXPECT_FALSE(toldAfterwards) << round;
+    EXPECT_EQ(openDescriptors(), descriptors) << round;
+  }
+}
+
+TEST_F(BrixTcpServerTest, StopsWhileAClientDoesNotReadAndAnotherArrives) {
+  Subject subject;
+  subject.open();
+  const RawSocket stalled = subject.client();
+  subject.server->sendMsg(std::string(64 << 20, 'x'));  // more than all buffers hold
+  EXPECT_EQ(stalled.read(1), "x");
+  const RawSocket arriving = subject.client();
+  EXPECT_LE(timedMs([&] { subject.server.reset(); }), kStopBoundMs);
+  EXPECT_TRUE(arriving.ended());
+}
+
+TEST_F(BrixTcpServerTest, AThousandConnectionsLeaveNothingBehind) {
+  constexpr std::size_t kServers = 6;
+  constexpr std::size_t kDrivers = 2 * kServers;  // with few clients each in the backlog
+  constexpr std::size_t kCycles = 84;
+  std::vector<Subject> subjects(kServers);
+  for (Subject& subject : subjects) subject.open();
+  const std::size_t descriptors = openDescriptors();
+  const std::size_t runningThreads = threads();
+  std::vector<std::future<void>> drivers;
+  for (std::size_t driver = 0; driver < kDrivers; ++driver) {
+    drivers.push_back(std::async(std::launch::async, [&subject = subjects[driver % kServers]] {
+      for (std::size_t cycle = 0; cycle < kCycles; ++cycle) {
+        RawSocket client = RawSocket::connectTo(subject.server->listeningPort());
+        EXPECT_EQ(client.read(cycle % 3 == 1 ? 3 : 0), cycle % 3 == 1 ? "n\r\n" : "");
+        if (cycle % 3 == 2) client.send("m\r\nm");
+        if (cycle % 2 == 0) client.reset();
+      }
+    }));
+  }
+  EXPECT_TRUE(eventually([&] {
+    const Bystanders others(4);
+    for (Subject& subject : subjects) {
+      subject.server->sendMsg("n");
+      subject.hearMessages();
+    }
+    return others.untouched() && log.infos(" quit, remain connection") == kDrivers * kCycles;
+  }));
+  drivers.clear();
+  for (std::size_t id = 1; id <= 2 * kCycles; ++id) {
+    EXPECT_EQ(log.infos(" socket " + std::to_string(id) + " quit,"), kServers) << id;
+  }
+  for (Subject& subject : subjects) {
+    EXPECT_TRUE(eventually([&] { return subject.links.all().back() == "off"; }));
+    EXPECT_EQ(subject.links.count("on"), 2 * kCycles);
+  }
+  EXPECT_TRUE(eventually([&] { return threads() == runningThreads; }));
+  EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+TEST_F(BrixTcpServerTest, StopsPromptlyAtAnyMomentAndRate) {
+  const auto stopOften = [&](unsigned seed) {
+    const double ratesMs[] = {0.5, -1, std::nan(""), 60000, 1e300, INFINITY, 0.0004};
+    std::minstd_rand random(seed);
+    for (unsigned round = 0; round < 50; ++round) {
+      Subject subject;
+      subject.server->setSendRate(ratesMs[round % 7]);
+      subject.server->setRecvRate(ratesMs[round % 7]);
+      const bool clients = round % 2 == 0;
+      const int port = clients ? subject.open() : subject.server->initialize(0);
+      std::vector<RawSocket> silent;
+      while (clients && silent.size() < 3) {
+        silent.push_back(RawSocket::connectTo(port));
+        silent[0].send("a\r\nb\r\nc\r\n");
+      }
+      usleep(static_cast<unsigned>(random() % (clients ? 25000 : 200)));
+      EXPECT_LE(timedMs([&] { subject.server.reset(); }), kStopBoundMs) << round;
+      for (const RawSocket& client : silent) EXPECT_TRUE(client.ended()) << round;
+    }
+  };
+  std::vector<std::future<void>> workers;
+  for (unsigned seed = 1; seed <= 4; ++seed) {
+    workers.push_back(std::async(std::launch::async, stopOften, seed));
+  }
+}
+
+TEST_F(BrixTcpServerTest, RunsOnceAndClosesEachDescriptorOnce) {
+  Subject subject;
+  EXPECT_FALSE(subject.server->waitUntilListening(0));
+  const int port = subject.open();
+  EXPECT_EQ(subject.server->initialize(0), 1);
+  EXPECT_EQ(log.errors("tcp server runs already, port 0 not opened"), 1u);
+  EXPECT_EQ(subject.server->listeningPort(), port);
+  const RawSocket client = subject.client();
+  subject.client().close();
+  subject.server->terminateServer();
+  EXPECT_TRUE(client.ended());
+  EXPECT_EQ(subject.server->listeningPort(), 0);
+  EXPECT_EQ(subject.server->initialize(port), 1);  // stays stopped
+  EXPECT_FALSE(subject.server->waitUntilListening(kDeadlineMs));
+  EXPECT_THROW(RawSocket::connectTo(port), std::runtime_error);
+  subject.server->terminateServer();
+  const Bystanders others;
+  subject.server->terminateServer();
+  subject.server.reset();
+  EXPECT_TRUE(others.untouched());
+  Subject().open(port);  // a restarted controller gets its port back at once
+}
+
+TEST_F(BrixTcpServerTest, OutlivesEveryThreadThatCannotBeCreated) {
+  const std::string missing[] = {"wait_connection_thread", "send msg thread", "recieve msg thread"};
+  for (int failing = 1; failing <= 5; ++failing) {  // the fourth is the monitor, then a handler
+    Subject subject;
+    threadThatFails = failing;
+    EXPECT_EQ(subject.server->initialize(0), 1);
+    EXPECT_EQ(subject.server->waitUntilListening(kDeadlineMs), failing != 1);
+    if (failing == 5) {
+      EXPECT_EQ(RawSocket::connectTo(subject.server->listeningPort()).read(1), "");
+      EXPECT_FALSE(subject.client().ended());
+    }
+    EXPECT_EQ(log.errors("start thread failed, "), static_cast<std::size_t>(failing));
+    EXPECT_LE(timedMs([&] { subject.server->terminateServer(); }), kStopBoundMs);
+    EXPECT_EQ(subject.server->releaseAble(), failing > 3);
+    if (failing <= 3) {
+      EXPECT_EQ(log.infos(missing[failing - 1] + " not standby"), 1u);
+    }
+  }
+}
+
+TEST_F(BrixTcpServerTest, ProgramsThatListenersStartInheritNothing) {
+  Texts calls;
+  const auto check = [&] {
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    EXPECT_TRUE(sigisemptyset(&blocked));
+    for (int fd = 0; fd < 100; ++fd) {
+      sockaddr_in address{};
+      socklen_t size = sizeof address;
+      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+      EXPECT_FALSE(address.sin_family == AF_INET && fcntl(fd, F_GETFD) == 0) << fd;
+    }
+    calls.add("");
+  };
+  Subject subject;
+  subject.server->registerConnectionListener([&](bool) { check(); });
+  subject.server->registerMsgListener([&](const std::string&) { check(); });
+  RawSocket::connectTo(subject.open()).send("a\r\n");
+  EXPECT_TRUE(eventually([&] { return calls.all().size() >= 2; }));
+}
+
+}  // namespace
