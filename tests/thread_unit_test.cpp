@@ -96,12 +96,14 @@ TEST(ThreadUnit, ItsCycleMayStopStartAndDestroyIt) {
   EXPECT_EQ(once.cycles, 1);
 
   Unit again([](Unit& unit) {
-    unit.stop();
-    unit.start();
+    if (unit.cycles < 3) unit.stop();
+    if (unit.cycles == 3) eventually([&unit] { return !unit.isRunning(); });
+    unit.start();  // refused the third time: another thread waits for the end
   });
   again.start();
   EXPECT_TRUE(again.reaches(3));
   again.stop();
+  EXPECT_EQ(again.cycles, 3);
 
   std::atomic<bool> destroyed{false};
   (new Unit([&destroyed](Unit& unit) {

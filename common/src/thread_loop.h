@@ -48,12 +48,10 @@ class ThreadLoop {
   std::atomic<double> periodMs_;
   const std::string name_;
 
-  std::mutex
-      mutex_;  // guards thread_, created_, alive_, runs_, stopping_ and every change of running_
+  std::mutex mutex_;  // guards thread_, created_, alive_, stopping_ and every change of running_
   std::condition_variable changed_;
   bool created_ = false;  // thread_ is to be joined
   bool alive_ = false;    // a thread is inside run()
-  long runs_ = 0;         // threads created so far
   int stopping_ = 0;      // threads that wait for the loop to end
 };
 

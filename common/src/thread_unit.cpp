@@ -36,7 +36,6 @@ bool ThreadLoop::start(ThreadUnit& unit) {
     if (quitBefore) quit_.request();
     return false;
   }
-  ++runs_;
   created_ = true;
   alive_ = true;
   running_ = true;
@@ -49,21 +48,21 @@ void ThreadLoop::stop() {
   std::unique_lock<std::mutex> lock(mutex_);
   request();
   if (onOwnThread()) return;
-  const long run = runs_;
   ++stopping_;
-  changed_.wait(lock, [&] { return !alive_ || runs_ != run; });
+  changed_.wait(lock, [this] { return !alive_; });
   --stopping_;
-  if (runs_ == run) joinEnded();  // otherwise a start on another thread has, and runs a new one
+  joinEnded();
+  changed_.notify_all();
 }
 
-/// Waits while the loop is ending, unless this is its thread.
+/// Waits until no stop is under way, unless this is the loop's own thread.
 void ThreadLoop::awaitEnding() {
   std::unique_lock<std::mutex> lock(mutex_);
   if (!onOwnThread()) awaitEnding(lock);
 }
 
 void ThreadLoop::awaitEnding(std::unique_lock<std::mutex>& lock) {
-  changed_.wait(lock, [this] { return running_ || !alive_; });
+  changed_.wait(lock, [this] { return stopping_ == 0 && (running_ || !alive_); });
 }
 
 void ThreadLoop::requestStop() {
@@ -72,7 +71,7 @@ void ThreadLoop::requestStop() {
 }
 
 void ThreadLoop::request() {
-  if (!created_) return;
+  if (!alive_) return;
   quit_.request();
   running_ = false;
 }
