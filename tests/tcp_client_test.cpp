@@ -126,7 +126,7 @@ TEST_F(TcpClientTest, RefusesNullAndNegativeLengthsAndReadsAClosedPeerCheaply) {
   peer.close();
   const std::clock_t start = std::clock();
   for (int i = 0; i < 5000; ++i) ASSERT_EQ(client.recieveMsg(), "");
-  EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 8) << "clearing 2 MiB each time takes longer";
+  EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 20) << "clearing 2 MiB each time takes longer";
   EXPECT_NE(fcntl(socketNumber(), F_GETFD), -1);
 }
 

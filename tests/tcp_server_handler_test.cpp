@@ -157,6 +157,7 @@ TEST_F(TcpServerHandlerTest, NeverTouchesAClosedNumber) {
     threadThatFails = started ? 0 : 1;
     Subject subject;
     EXPECT_EQ(subject.handler->started(), started);
+    EXPECT_EQ(subject.peer.ended(), !started);
     subject.handler->terminate();
     EXPECT_TRUE(eventually([&] { return fcntl(subject.number, F_GETFD) == -1; }));
     const Bystanders others;
