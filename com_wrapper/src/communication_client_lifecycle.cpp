@@ -141,7 +141,7 @@ void CommunicationClient::State::joinRetired() {
 
 // Silence counts from here, not from the last chunk of the connection before.
 std::shared_ptr<ClientLink> CommunicationClient::State::beginLink() {
-  const auto next = std::make_shared<ClientLink>(heartbeatMode);
+  auto next = std::make_shared<ClientLink>(heartbeatMode);
   log_time::timer_start(next->recvTimer);
   link = next;
   connected = true;

@@ -91,6 +91,7 @@ CommunicationServer::~CommunicationServer() {
   state_->release();
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature that applications know
 void CommunicationServer::setServerHandle(std::shared_ptr<BasicServerInterface> handle) {
   state_->setServerHandle(handle);
 }
