@@ -307,6 +307,7 @@ TEST_F(BrixTcpServerTest, OutlivesEveryThreadThatCannotBeCreated) {
     if (failing == 5) {
       EXPECT_EQ(RawSocket::connectTo(subject.server->listeningPort()).read(1), "");
       EXPECT_FALSE(subject.client().ended());
+      EXPECT_TRUE(eventually([&] { return subject.links.count("off") == 1; }));  // none is left
     }
     EXPECT_EQ(log.errors("start thread failed, "), static_cast<std::size_t>(failing));
     EXPECT_LE(timedMs([&] { subject.server->terminateServer(); }), kStopBoundMs);

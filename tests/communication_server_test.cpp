@@ -213,9 +213,17 @@ TEST(CommunicationServer, TransportMayOutliveTheServer) {
     server->registerConnectionListener(called);
     server->registerSentMsgObserver(called);
   }
+  std::atomic<int> running{0};
+  const auto slow = [&](auto&&...) {
+    ++running;
+    eventually([] { return false; }, 20);
+    return --running, "";
+  };
+  server->registerRawDataBroadcastFunc(slow);
+  server->registerBroadcastFunc(slow, 1);
+  EXPECT_TRUE(eventually([&] { return running == 2; }));
   EXPECT_LT(timedMs([&] { server.reset(); }), kStopBoundMs);
-  const int atEnd = calls;
-  EXPECT_FALSE(eventually([&] { return calls > atEnd; }, 10));
+  EXPECT_FALSE(eventually([&] { return running > 0; }, 10));
   end = true;
   traffic.join();
 }

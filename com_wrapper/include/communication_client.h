@@ -40,7 +40,8 @@ class TCP_COM_API CommunicationClient : public ThreadUnit {
   CommunicationClient(const CommunicationClient&) = delete;
   CommunicationClient& operator=(const CommunicationClient&) = delete;
 
-  /// Sets the transport; must come before `connect`.
+  /// Sets the transport; must come before `connect`. A connection keeps the one that it was made
+  /// with.
   void setClientHandle(std::shared_ptr<BasicClientInterface> handle);
 
   /// Turns progress lines and most failure lines on or off, the transport's among them.

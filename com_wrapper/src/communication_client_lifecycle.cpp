@@ -79,7 +79,7 @@ int CommunicationClient::State::connect(ThreadUnit& unit, const std::string& ip,
     return kConnected;
   }
   try {
-    return connectLocked(unit, *handle, timeout);
+    return connectLocked(unit, handle, timeout);
   } catch (abi::__forced_unwind&) {
     throw;
   } catch (...) {  // what was set or started stays as it was
@@ -88,13 +88,15 @@ int CommunicationClient::State::connect(ThreadUnit& unit, const std::string& ip,
   }
 }
 
-int CommunicationClient::State::connectLocked(ThreadUnit& unit, BasicClientInterface& handle,
+int CommunicationClient::State::connectLocked(ThreadUnit& unit,
+                                              const std::shared_ptr<BasicClientInterface>& handle,
                                               double timeout) {
   loop->awaitEnding();  // a last cycle of the old connection must not read from the new one
-  const int result = handle.connectServer(timeout);
+  const int result = handle->connectServer(timeout);
   if (result != kConnected) return result;
   if (broadcastMode && !loop->start(unit)) {
     BRIX_LOG_ERROR("start thread failed");
+    closeTransport(handle);
     disConnect();
     return kFailed;
   }
@@ -102,7 +104,7 @@ int CommunicationClient::State::connectLocked(ThreadUnit& unit, BasicClientInter
   connected = false;
   retire(link.load());
   joinRetired();
-  const auto own = beginLink();
+  const auto own = beginLink(handle);
   if (destroyed) {  // while this thread was connecting; whoever destroys the client waits for it
     disConnect();
     return kFailed;
@@ -140,8 +142,9 @@ void CommunicationClient::State::joinRetired() {
 }
 
 // Silence counts from here, not from the last chunk of the connection before.
-std::shared_ptr<ClientLink> CommunicationClient::State::beginLink() {
-  auto next = std::make_shared<ClientLink>(heartbeatMode);
+std::shared_ptr<ClientLink> CommunicationClient::State::beginLink(
+    std::shared_ptr<BasicClientInterface> handle) {
+  auto next = std::make_shared<ClientLink>(heartbeatMode, std::move(handle));
   log_time::timer_start(next->recvTimer);
   link = next;
   connected = true;
@@ -181,8 +184,9 @@ void CommunicationClient::State::notify(bool value) {
   connectionListener(value);
 }
 
-void CommunicationClient::State::closeTransport() {
-  if (const auto handle = clientHandle.load()) {
+void CommunicationClient::State::closeTransport(
+    const std::shared_ptr<BasicClientInterface>& handle) {
+  if (handle) {
     guarded("closeClient exception: %s", [&] { handle->closeClient(); });
   }
 }
@@ -197,7 +201,7 @@ bool CommunicationClient::State::disConnect() {
   if (!lock) return false;
   const auto ended = link.load();
   if (connected) {
-    closeTransport();
+    closeTransport(ended->handle);
     if (own) {
       loop->requestStop();
     } else {

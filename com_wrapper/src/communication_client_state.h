@@ -21,7 +21,8 @@ namespace brix {
 /// What belongs to one connection. Its threads end on its own stop signal, so that a new connection
 /// never meets the workers, the texts, the silence or the watchdog of the one before.
 struct ClientLink {
-  explicit ClientLink(bool heartbeatMode) : heartbeats(heartbeatMode) {}
+  ClientLink(bool heartbeatMode, std::shared_ptr<BasicClientInterface> transport)
+      : heartbeats(heartbeatMode), handle(std::move(transport)) {}
   ~ClientLink();
 
   /// Joins the workers, except one that calls this.
@@ -29,7 +30,8 @@ struct ClientLink {
   void joinWorker(std::thread& worker);
   void detachWorkers();
 
-  const bool heartbeats;  // whether it was begun in heartbeat mode
+  const bool heartbeats;                               // whether it was begun in heartbeat mode
+  const std::shared_ptr<BasicClientInterface> handle;  // the transport that was connected
   StopSignal stop;
   std::atomic<int> running{0};  // workers that have not ended
   std::mutex workersLock;  // innermost; guards the handles: a thread is joined by who took it out
@@ -96,8 +98,9 @@ class TCP_COM_HIDDEN CommunicationClient::State
 
  private:
   bool onOwnThread() const;
-  int connectLocked(ThreadUnit& unit, BasicClientInterface& handle, double timeout);
-  std::shared_ptr<ClientLink> beginLink();
+  int connectLocked(ThreadUnit& unit, const std::shared_ptr<BasicClientInterface>& handle,
+                    double timeout);
+  std::shared_ptr<ClientLink> beginLink(std::shared_ptr<BasicClientInterface> handle);
   bool startWorkers(const std::shared_ptr<ClientLink>& own);
   bool startWorker(const std::shared_ptr<ClientLink>& own, std::thread& worker, const char* name,
                    void (State::*body)(ClientLink&));
@@ -105,7 +108,7 @@ class TCP_COM_HIDDEN CommunicationClient::State
   void retire(const std::shared_ptr<ClientLink>& old);
   void joinRetired();
   void notify(bool value);
-  void closeTransport();
+  void closeTransport(const std::shared_ptr<BasicClientInterface>& handle);
   int handOver(const char* fmt, const std::function<void(BasicClientInterface&)>& send);
   int handOverText(const char* fmt, const std::function<std::string()>& text);
 

@@ -36,7 +36,7 @@ void CommunicationClient::State::cycle() {
     if (printFlag) BRIX_LOG_INFO("communication thread quit.");
     return;
   }
-  const auto handle = clientHandle.load();
+  const auto handle = own->handle;
   if (!handle) return;
   const std::string chunk = readChunk(*handle);
   log_time::timer_end(own->recvTimer);
@@ -110,7 +110,10 @@ void CommunicationClient::State::deliver(ClientLink& own) {
   std::lock_guard<std::mutex> lock(listenerMutex);
   const ThreadMark mark(&listenerMutex);
   delivering = &own;
-  for (const std::string& msg : msgs) deliverOne(msg);
+  for (const std::string& msg : msgs) {  // a stop waits for one callback, not for all
+    if (own.stop.requested() || !broadcastMode) break;
+    deliverOne(msg);
+  }
   delivering = nullptr;
 }
 
@@ -158,7 +161,7 @@ void CommunicationClient::State::sendLoop(ClientLink& own) {
 
 // After a reconnect the transport is that of the next connection, which must not get these texts.
 void CommunicationClient::State::sendBatch(ClientLink& own) {
-  const auto handle = clientHandle.load();
+  const auto handle = own.handle;
   for (std::string& text : own.sendQueue.takeAll()) {
     if (!handle || own.stop.requested()) return;
     const std::string& delimiter = handle->delimiter;
@@ -210,7 +213,8 @@ int CommunicationClient::State::handOverText(const char* fmt,
 int CommunicationClient::State::handOver(const char* fmt,
                                          const std::function<void(BasicClientInterface&)>& send) {
   if (!connected) return kNotConnected;
-  const auto handle = clientHandle.load();
+  const auto own = link.load();
+  const auto handle = own ? own->handle : nullptr;
   if (!handle) return kNotConnected;
   return guarded(fmt, [&] { send(*handle); }) ? kSent : kSendThrew;
 }

@@ -80,8 +80,8 @@ struct TCP_COM_HIDDEN CommunicationServer::State : std::enable_shared_from_this<
   std::atomic<bool> closed{false};  // the server is gone: no broadcast thread starts any more
   // What the broadcast thread has to do for its function once that has returned.
   ValueSlot<std::shared_ptr<BasicServerInterface>> toTerminate;
-  ValueSlot<std::shared_ptr<BasicServerInterface>> toRelease;
-  DeliveryGate gate;  // the transport's deliveries
+  std::vector<std::shared_ptr<BasicServerInterface>> toRelease;  // broadcast thread only
+  DeliveryGate gate;                                             // the transport's deliveries
 };
 
 CommunicationServer::CommunicationServer() : state_(std::make_shared<State>()) {}
@@ -100,7 +100,7 @@ void CommunicationServer::setServerHandle(std::shared_ptr<BasicServerInterface> 
 void CommunicationServer::State::setServerHandle(
     const std::shared_ptr<BasicServerInterface>& handle) {
   // Its destruction would join threads that may be waiting for the lock held here.
-  if (onBroadcastThread()) toRelease = serverHandle.load();
+  if (onBroadcastThread()) toRelease.push_back(serverHandle.load());
   serverHandle = handle;
   if (!handle) return;
   const std::weak_ptr<State> weak = weak_from_this();
@@ -266,7 +266,8 @@ void CommunicationServer::State::sendMsg(const std::string& msg) {
   if (msg.empty()) return;
   const auto handle = serverHandle.load();
   if (handle && connected) handle->sendMsg(msg);
-  sentMsgObserver(msg);
+  guarded("sent message observer exception: %s", [&] { sentMsgObserver(msg); });
+  if (handle && onBroadcastThread()) toRelease.push_back(handle);  // it may be the last reference
 }
 
 void CommunicationServer::recieveMsgCallback(const std::string& msg) {
@@ -339,7 +340,7 @@ void CommunicationServer::State::finishTransportWork() {
   const auto handle = toTerminate.load();
   toTerminate = nullptr;
   if (handle) handle->terminateServer();
-  toRelease = nullptr;
+  toRelease.clear();
 }
 
 }  // namespace brix

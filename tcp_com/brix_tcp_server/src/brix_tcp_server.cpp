@@ -86,20 +86,22 @@ void BrixTcpServer::recieveMsgThreadFunc() {
   state_->recvLoop();
 }
 
+// Inside a listener, and while another thread starts or stops the server, this must not wait.
 void BrixTcpServer::State::start(int port) {
-  if (ThreadMark::standsFor(this)) {
-    BRIX_LOG_ERROR("tcp server runs already, port %d not opened", port);
-    return;
-  }
-  std::lock_guard<std::mutex> lock(lifecycleLock);
-  if (quit.requested()) joinWorkers();  // left over from a stop on one of these threads
-  if (acceptThread.joinable() || sendThread.joinable() || recvThread.joinable() ||
-      monitorThread.joinable()) {
+  std::unique_lock<std::mutex> lock(lifecycleLock, std::defer_lock);
+  const bool mayStart = !ThreadMark::standsFor(this) && lock.try_lock();
+  if (mayStart && quit.requested()) joinWorkers();  // left over from a stop on one of these threads
+  if (!mayStart || anyWorker()) {
     BRIX_LOG_ERROR("tcp server runs already, port %d not opened", port);
     return;
   }
   startWorkers(port);
   BRIX_LOG_INFO("tcp server init, port %d", port);
+}
+
+bool BrixTcpServer::State::anyWorker() const {
+  return acceptThread.joinable() || sendThread.joinable() || recvThread.joinable() ||
+         monitorThread.joinable();
 }
 
 void BrixTcpServer::State::startWorkers(int port) {

@@ -126,7 +126,6 @@ void BrixTcpServer::State::createHandler(int socket) {
   handler->delimiter = ownDelimiter();
   insertHandler(id, handler);
   handler->release();
-  if (quit.requested()) handler->terminate();
 }
 
 void BrixTcpServer::State::insertHandler(int id, const std::shared_ptr<TcpServerHandler>& handler) {
@@ -135,6 +134,9 @@ void BrixTcpServer::State::insertHandler(int id, const std::shared_ptr<TcpServer
     std::lock_guard<std::mutex> mapGuard(mapLock);
     connections[id] = handler;
   }
+  // The stop may have walked the map already. To be done before the next step, which may wait for a
+  // send to this very client.
+  if (quit.requested()) handler->terminate();
   connectionNotify(true);
 }
 
@@ -164,7 +166,7 @@ void BrixTcpServer::State::monitorLoop() {
       if (quit.requested()) return;
       connectionCondition.wait_for(lock, std::chrono::milliseconds(kRetestMs));
     }
-    for (const int id : quitIds) removeConnection(id);
+    for (const int id : quitIds) guarded("monitor exception: %s", [&] { removeConnection(id); });
     quitIds.clear();
   }
 }
@@ -198,8 +200,19 @@ std::vector<std::shared_ptr<TcpServerHandler>> BrixTcpServer::State::handlers() 
   return copy;
 }
 
+// One by one, without a list of them: a stop must not fail for want of memory.
 void BrixTcpServer::State::terminateHandlers() const {
-  for (const auto& handler : handlers()) handler->terminate();
+  for (int next = 0;;) {
+    std::shared_ptr<TcpServerHandler> handler;
+    {
+      std::lock_guard<std::mutex> lock(mapLock);
+      const auto entry = connections.lower_bound(next);
+      if (entry == connections.end()) return;
+      next = entry->first + 1;
+      handler = entry->second;
+    }
+    handler->terminate();
+  }
 }
 
 }  // namespace brix

@@ -136,6 +136,7 @@ bool TcpServerHandler::State::receiveChunk(std::vector<char>& block) {
   std::vector<std::string> msgs;
   splitter.feed(block.data(), static_cast<std::size_t>(received), msgs, delimiter.load());
   for (const std::string& msg : msgs) {
+    if (quit.requested()) return false;
     guarded("message callback exception: %s", [&] { msgCallback(msg); });
   }
   return true;

@@ -39,6 +39,7 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   };
 
   void start(int port);
+  bool anyWorker() const;
   void startWorkers(int port);
   void terminate();
   void joinWorkers();
