@@ -158,12 +158,12 @@ TEST(CommunicationClient, FramesQueuedTextsOnly) {
 TEST(CommunicationClient, CutsChunksAndKeepsTheTailWhenItDropsItsQueues) {
   for (const bool blocking : {true, false}) {
     LogCapture log;
+    std::atomic<bool> held{false};
     Subject subject;
     const auto read = [&](const char* chunk) {
       subject.wire->push(chunk);
       EXPECT_TRUE(subject.wire->drained());
     };
-    std::atomic<bool> held{false};
     subject.onMsg = [&](const auto&) { eventually([&] { return !held; }); };
     subject.wire->blocking = blocking;
     subject.client->setSendRate(60000);
@@ -246,8 +246,8 @@ TEST(CommunicationClient, ReconnectsAtOnce) {
   LogCapture log;
   const RawListener listener;
   const Census census;
-  Subject subject(&listener);
   std::atomic<bool> insideListener{false};
+  Subject subject(&listener);
   const auto connect = [&] { EXPECT_EQ(subject.connect(), 1); };
   const auto greet = [&] { EXPECT_EQ(subject.client->sendMsg("hello"), 1); };
   subject.onMsg = [&](const auto& msg) { msg == "end" ? subject.client->disConnect() : void(); };
@@ -332,6 +332,8 @@ TEST(CommunicationClient, EndsAfterAFailedSend) {
 TEST(CommunicationClient, SilenceWarnsAndEndsTheConnection) {
   LogCapture log;
   const RawListener listener;  // its clients are connected, and hear nothing
+  Clock::time_point start;
+  std::array<std::atomic<double>, 3> downMs{};
   Subject fresh(&listener), again(&listener), bare, off, busy;
   bare.wire->idleChunk = "\r\n";  // no traffic
   off.client->setHeartbeatMode(false);
@@ -339,9 +341,8 @@ TEST(CommunicationClient, SilenceWarnsAndEndsTheConnection) {
   EXPECT_FALSE(eventually([&] { return log.errors("recv cost exceed") > 0; }, 300));
   again.client->disConnect();
 
-  const auto start = Clock::now();
+  start = Clock::now();
   const std::array<Subject*, 3> silent{&fresh, &again, &bare};
-  std::array<std::atomic<double>, 3> downMs{};
   for (std::size_t i = 0; i < silent.size(); ++i) {
     silent[i]->onChange = [&, i](bool up) { downMs[i] = up ? 0 : elapsedMs(start); };
     EXPECT_EQ(silent[i]->connect(), 1);

@@ -1,6 +1,7 @@
 #include "tcp_client.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -137,7 +138,8 @@ int TcpClient::openSocket() {
     return kNoSocket;
   }
   if (logging()) BRIX_LOG_INFO("Socket created...");
-  const int noDelay = 1;  // small messages leave at once
+  fcntl(fd, F_SETFD, FD_CLOEXEC);  // a child started while this connects must not keep the socket
+  const int noDelay = 1;           // small messages leave at once
   if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay) != 0) {
     if (logging()) BRIX_LOG_ERROR("Fail to set socket option socket:%d", fd);
     BRIX_PRINT_ERRNO("connectServer");

@@ -105,11 +105,9 @@ void TcpServerHandler::State::stop() {
 }
 
 void TcpServerHandler::State::open() {
-  {
-    std::lock_guard<std::mutex> lock(gateLock);
-    released = true;
-  }
-  gate.notify_all();
+  std::lock_guard<std::mutex> lock(gateLock);
+  released = true;
+  gate.notify_all();  // under the lock: the thread that wakes may destroy the handler
 }
 
 void TcpServerHandler::State::waitForRelease() {
