@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "callback_guard.h"
@@ -104,17 +105,28 @@ int CommunicationClient::State::connectLocked(ThreadUnit& unit,
   connected = false;
   retire(link.load());
   joinRetired();
-  const auto own = beginLink(handle);
-  if (destroyed) {  // while this thread was connecting; whoever destroys the client waits for it
-    disConnect();
-    return kFailed;
-  }
-  notify(true);
+  const auto own = announceLink(handle);
+  if (!own) return kFailed;
   const bool started = startWorkers(own);
   if (link.load() != own) retire(own);  // the listener has connected anew meanwhile
   if (started) return kConnected;
   if (printFlag) BRIX_LOG_ERROR("catch exception");
   return kFailed;
+}
+
+// No disconnect comes between: the listener hears of the connection before it hears of its end.
+/// @return null if the client was destroyed while this thread was connecting; whoever destroys it
+///   waits for this thread
+std::shared_ptr<ClientLink> CommunicationClient::State::announceLink(
+    const std::shared_ptr<BasicClientInterface>& handle) {
+  const auto lock = lockUnlessOwn(connectMutex, onOwnThread());
+  auto own = beginLink(handle);
+  if (destroyed) {
+    disConnect();
+    return nullptr;
+  }
+  notify(true);
+  return own;
 }
 
 // The workers of a connection that is over have ended on its own signal, or are about to.
@@ -128,15 +140,15 @@ void CommunicationClient::State::retire(const std::shared_ptr<ClientLink>& old) 
 // On an own thread or in a callback only links that have ended are joined: a worker that still runs
 // may be waiting for this thread, and a later call or the destructor joins it.
 void CommunicationClient::State::joinRetired() {
-  const bool onlyEnded = onOwnThread();
   std::vector<std::shared_ptr<ClientLink>> ended;
   {
     std::lock_guard<std::mutex> lock(retiredLock);
-    const auto first = std::partition(retired.begin(), retired.end(), [&](const auto& old) {
-      return onlyEnded && old->running != 0;
-    });
-    ended.assign(first, retired.end());
-    retired.erase(first, retired.end());
+    ended.swap(retired);
+    if (onOwnThread()) {
+      const auto running = [](const auto& old) { return old->running != 0; };
+      std::copy_if(ended.begin(), ended.end(), std::back_inserter(retired), running);
+      ended.erase(std::remove_if(ended.begin(), ended.end(), running), ended.end());
+    }
   }
   for (const auto& old : ended) old->joinWorkers();
 }
@@ -220,18 +232,24 @@ bool CommunicationClient::State::disConnect() {
   return true;
 }
 
+/// Disconnects, and waits for the workers where that may be. Needs no memory.
+void CommunicationClient::State::endLink() {
+  disConnect();
+  const auto last = link.load();
+  if (last) last->stop.request();
+  if (onOwnThread()) return;
+  joinRetired();
+  if (last) last->joinWorkers();
+}
+
 // The client goes away. Inside a callback its threads cannot be waited for: they end by themselves
 // on this state, and no listener is called any more. A callback on another thread may be connecting
 // anew meanwhile, hence the second round.
 void CommunicationClient::State::release() {
   destroyed = true;
-  disConnect();
-  retire(link.load());
-  joinRetired();
+  endLink();
   loop->stop();  // a cycle must not begin on a half-destroyed object
-  disConnect();
-  retire(link.load());
-  joinRetired();
+  endLink();
   changeListeners([this] {
     listeners.clear();
     msgListeners.clear();

@@ -101,6 +101,8 @@ class TCP_COM_HIDDEN CommunicationClient::State
   int connectLocked(ThreadUnit& unit, const std::shared_ptr<BasicClientInterface>& handle,
                     double timeout);
   std::shared_ptr<ClientLink> beginLink(std::shared_ptr<BasicClientInterface> handle);
+  std::shared_ptr<ClientLink> announceLink(const std::shared_ptr<BasicClientInterface>& handle);
+  void endLink();
   bool startWorkers(const std::shared_ptr<ClientLink>& own);
   bool startWorker(const std::shared_ptr<ClientLink>& own, std::thread& worker, const char* name,
                    void (State::*body)(ClientLink&));

@@ -139,7 +139,7 @@ void CommunicationClient::State::changeListeners(const std::function<void()>& ch
   }
   if (!destroyed) {
     BRIX_LOG_ERROR("listeners changed inside a listener: it blocks until the client disconnects");
-    while (!delivering->stop.requested()) delivering->stop.pauseMs(kReadSliceMs);
+    while (!delivering->stop.requested() && broadcastMode) delivering->stop.pauseMs(kReadSliceMs);
   }
   change();
 }

@@ -1,7 +1,7 @@
 #include "stop_signal.h"
 
-#include <unistd.h>
-
+#include <cerrno>
+#include <ctime>
 #include <limits>
 
 namespace brix {
@@ -45,7 +45,9 @@ void StopSignal::wake() noexcept {
 bool StopSignal::pauseShort(double ms) noexcept {
   const long micros = pauseMicros(ms);
   if (micros > kPlainPauseUs) return false;
-  usleep(static_cast<useconds_t>(micros));
+  timespec left{0, micros * 1000};
+  while (nanosleep(&left, &left) == -1 && errno == EINTR) {  // a signal must not shorten a period
+  }
   return true;
 }
 

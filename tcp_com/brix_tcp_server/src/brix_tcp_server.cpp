@@ -90,7 +90,6 @@ void BrixTcpServer::recieveMsgThreadFunc() {
 void BrixTcpServer::State::start(int port) {
   std::unique_lock<std::mutex> lock(lifecycleLock, std::defer_lock);
   const bool mayStart = !ThreadMark::standsFor(this) && lock.try_lock();
-  if (mayStart && quit.requested()) joinWorkers();  // left over from a stop on one of these threads
   if (!mayStart || anyWorker()) {
     BRIX_LOG_ERROR("tcp server runs already, port %d not opened", port);
     return;
