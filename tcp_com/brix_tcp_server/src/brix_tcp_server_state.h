@@ -44,7 +44,6 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   void terminate();
   void joinWorkers();
   void release();
-  void sendToClients(const std::string& msg);
   bool releaseAble() const;
 
   void acceptLoop(int port);
