@@ -40,8 +40,7 @@ struct ProgramStep {
 /// - "pause_ms": 0 to 60000, a pause before the request.
 ///
 /// @throws ProgramError  for the first line that is no request, for a stream that cannot be read
-/// and
-///   for a program without a request
+///   and for a program without a request
 std::vector<ProgramStep> readProgram(std::istream& in);
 
 /// As above, from a file. @throws ProgramError  also if the file cannot be opened

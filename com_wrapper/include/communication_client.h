@@ -81,8 +81,7 @@ class TCP_COM_API CommunicationClient : public ThreadUnit {
   /// @param ip, port  only logged, on purpose: the transport holds its address
   /// @param timeout  passed to the transport
   /// @return 1 when connected, also when it was already; -1 without a transport, when a thread
-  /// could
-  ///   not be started or something threw; otherwise the transport's result
+  ///   could not be started or something threw; otherwise the transport's result
   int connect(const std::string& ip, int port, double timeout);
 
   /// @return whether the client is connected

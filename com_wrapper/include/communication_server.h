@@ -22,11 +22,11 @@ namespace brix {
 /// - the broadcast thread, under the state lock: the broadcast function;
 /// - the thread that sends: the sent-message observer.
 /// A callback may call every operation, among them `terminate()` and the destructor: there they
-/// only ask the threads to end and return without waiting. Three things a
-/// callback must not do: register a second broadcast function outside the broadcast thread, which
-/// waits, see there; stop the transport directly from the broadcast function, instead of through
-/// this class; and, on an earlier transport that is still registered, call `terminate()`. What a
-/// callback throws is logged by the thread that runs it, and the thread goes on.
+/// only ask the threads to end and return without waiting. Three things a callback must not do:
+/// - register a second broadcast function outside the broadcast thread, which waits, see there;
+/// - stop the transport directly from the broadcast function, instead of through this class;
+/// - call `terminate()` in a callback that an earlier transport, still registered, delivers.
+/// What a callback throws is logged by the thread that runs it, and the thread goes on.
 class TCP_COM_API CommunicationServer {
  public:
   CommunicationServer();
