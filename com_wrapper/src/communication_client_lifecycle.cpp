@@ -2,15 +2,12 @@
 
 #include <cxxabi.h>
 
-#include <algorithm>
-#include <iterator>
 #include <utility>
 
 #include "callback_guard.h"
 #include "communication_client_state.h"
 #include "log_macros.h"
 #include "thread_mark.h"
-#include "worker_thread.h"
 
 namespace brix {
 namespace {
@@ -25,34 +22,6 @@ std::unique_lock<std::recursive_mutex> lockUnlessOwn(std::recursive_mutex& mutex
 }
 
 }  // namespace
-
-ClientLink::~ClientLink() {
-  // The last holder is either done with joining or the last of these threads itself.
-  detachWorkers();
-}
-
-void ClientLink::joinWorkers() {
-  joinWorker(broadcastThread);
-  joinWorker(heartbeatThread);
-  joinWorker(sendThread);
-}
-
-void ClientLink::joinWorker(std::thread& worker) {
-  std::thread taken;
-  {
-    std::lock_guard<std::mutex> lock(workersLock);
-    if (isOwnThread(worker)) return;
-    taken.swap(worker);
-  }
-  joinIfJoinable(taken);
-}
-
-void ClientLink::detachWorkers() {
-  std::lock_guard<std::mutex> lock(workersLock);
-  for (std::thread* worker : {&broadcastThread, &heartbeatThread, &sendThread}) {
-    detachIfJoinable(*worker);
-  }
-}
 
 bool CommunicationClient::State::onOwnThread() const {
   return ThreadMark::standsFor(this);
@@ -97,18 +66,18 @@ int CommunicationClient::State::connectLocked(ThreadUnit& unit,
   if (result != kConnected) return result;
   if (broadcastMode && !loop->start(unit)) {
     BRIX_LOG_ERROR("start thread failed");
-    closeTransport(handle);
+    closeTransport(*handle);
     disConnect();
     return kFailed;
   }
   if (printFlag) BRIX_LOG_INFO("Connect server %s", "SUCCESSFUL");
   connected = false;
-  retire(link.load());
+  retired.add(link.load());
   joinRetired();
   const auto own = announceLink(handle);
   if (!own) return kFailed;
   const bool started = startWorkers(own);
-  if (link.load() != own) retire(own);  // the listener has connected anew meanwhile
+  if (link.load() != own) retired.add(own);  // the listener has connected anew meanwhile
   if (started) return kConnected;
   if (printFlag) BRIX_LOG_ERROR("catch exception");
   return kFailed;
@@ -129,28 +98,10 @@ std::shared_ptr<ClientLink> CommunicationClient::State::announceLink(
   return own;
 }
 
-// The workers of a connection that is over have ended on its own signal, or are about to.
-void CommunicationClient::State::retire(const std::shared_ptr<ClientLink>& old) {
-  if (!old) return;
-  old->stop.request();
-  std::lock_guard<std::mutex> lock(retiredLock);
-  retired.push_back(old);
-}
-
-// On an own thread or in a callback only links that have ended are joined: a worker that still runs
-// may be waiting for this thread, and a later call or the destructor joins it.
+// On an own thread or in a callback a worker that still runs may be waiting for this thread: a
+// later call or the destructor joins it.
 void CommunicationClient::State::joinRetired() {
-  std::vector<std::shared_ptr<ClientLink>> ended;
-  {
-    std::lock_guard<std::mutex> lock(retiredLock);
-    ended.swap(retired);
-    if (onOwnThread()) {
-      const auto running = [](const auto& old) { return old->running != 0; };
-      std::copy_if(ended.begin(), ended.end(), std::back_inserter(retired), running);
-      ended.erase(std::remove_if(ended.begin(), ended.end(), running), ended.end());
-    }
-  }
-  for (const auto& old : ended) old->joinWorkers();
+  retired.join(onOwnThread());
 }
 
 // Silence counts from here, not from the last chunk of the connection before.
@@ -175,20 +126,9 @@ bool CommunicationClient::State::startWorker(const std::shared_ptr<ClientLink>& 
                                              std::thread& worker, const char* name,
                                              void (State::*body)(ClientLink&)) {
   const auto state = shared_from_this();
-  struct Running {  // counts the worker until it has ended, however it ends
-    explicit Running(std::shared_ptr<ClientLink> counted) : link(std::move(counted)) {
-      ++link->running;
-    }
-    ~Running() { --link->running; }
-    const std::shared_ptr<ClientLink> link;
-  };
-  const auto running = std::make_shared<Running>(own);
-  std::thread started;
-  const auto run = [state, running, body] { ((*state).*body)(*running->link); };
-  if (!startThread(started, name, run)) return false;
-  std::lock_guard<std::mutex> lock(own->workersLock);
-  worker = std::move(started);
-  return true;
+  // The worker itself keeps its link alive.
+  return ConnectionWorkers::start(own, worker, name,
+                                  [state, link = own.get(), body] { ((*state).*body)(*link); });
 }
 
 void CommunicationClient::State::notify(bool value) {
@@ -196,11 +136,8 @@ void CommunicationClient::State::notify(bool value) {
   connectionListener(value);
 }
 
-void CommunicationClient::State::closeTransport(
-    const std::shared_ptr<BasicClientInterface>& handle) {
-  if (handle) {
-    guarded("closeClient exception: %s", [&] { handle->closeClient(); });
-  }
+void CommunicationClient::State::closeTransport(BasicClientInterface& handle) {
+  guarded("closeClient exception: %s", [&] { handle.closeClient(); });
 }
 
 // Stop sequence: 1. close the transport, which ends a blocked read or send; 2. end the receiving;
@@ -208,17 +145,12 @@ void CommunicationClient::State::closeTransport(
 // 5. drop what is queued. On the client's own threads 2 does not wait.
 /// @return false if another thread is disconnecting, which this one must not wait for
 bool CommunicationClient::State::disConnect() {
-  const bool own = onOwnThread();
-  const auto lock = lockUnlessOwn(connectMutex, own);
+  const auto lock = lockUnlessOwn(connectMutex, onOwnThread());
   if (!lock) return false;
   const auto ended = link.load();
   if (connected) {
-    closeTransport(ended->handle);
-    if (own) {
-      loop->requestStop();
-    } else {
-      loop->stop();
-    }
+    closeTransport(*ended->handle);
+    endReceiving();
     connected = false;
     ended->quitFlag = false;
     ended->stop.request();
@@ -239,7 +171,7 @@ void CommunicationClient::State::endLink() {
   if (last) last->stop.request();
   if (onOwnThread()) return;
   joinRetired();
-  if (last) last->joinWorkers();
+  if (last) last->joinAll();
 }
 
 // The client goes away. Inside a callback its threads cannot be waited for: they end by themselves
@@ -270,6 +202,10 @@ void CommunicationClient::State::setBroadcastMode(bool receiving) {
   broadcastMode = receiving;
   if (receiving) return;
   endWorker(&ClientLink::broadcastThread);
+  endReceiving();
+}
+
+void CommunicationClient::State::endReceiving() {
   if (onOwnThread()) {
     loop->requestStop();
   } else {
@@ -282,7 +218,7 @@ void CommunicationClient::State::endWorker(std::thread ClientLink::*worker) {
   const auto own = link.load();
   if (!own) return;
   own->stop.wake();
-  if (!onOwnThread()) own->joinWorker((*own).*worker);
+  if (!onOwnThread()) own->join((*own).*worker);
 }
 
 }  // namespace brix

@@ -5,39 +5,26 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "callback_slot.h"
 #include "communication_client.h"
+#include "connection_workers.h"
 #include "log_facade.h"
 #include "message_splitter.h"
-#include "stop_signal.h"
 #include "swap_queue.h"
 #include "thread_loop.h"
 
 namespace brix {
 
-/// What belongs to one connection. Its threads end on its own stop signal, so that a new connection
-/// never meets the workers, the texts, the silence or the watchdog of the one before.
-struct ClientLink {
+/// What belongs to one connection: a new one never meets the texts, the silence or the watchdog of
+/// the one before.
+struct ClientLink : ConnectionWorkers {
   ClientLink(bool heartbeatMode, std::shared_ptr<BasicClientInterface> transport)
       : heartbeats(heartbeatMode), handle(std::move(transport)) {}
-  ~ClientLink();
-
-  /// Joins the workers, except one that calls this.
-  void joinWorkers();
-  void joinWorker(std::thread& worker);
-  void detachWorkers();
 
   const bool heartbeats;                               // whether it was begun in heartbeat mode
   const std::shared_ptr<BasicClientInterface> handle;  // the transport that was connected
-  StopSignal stop;
-  std::atomic<int> running{0};  // workers that have not ended
-  std::mutex workersLock;  // innermost; guards the handles: a thread is joined by who took it out
-  std::thread broadcastThread;
-  std::thread heartbeatThread;
-  std::thread sendThread;
   SwapQueue sendQueue;
   SwapQueue recvQueue;
   log_time::TimerUnit recvTimer;  // receive cycle only, as warnCount
@@ -107,10 +94,10 @@ class TCP_COM_HIDDEN CommunicationClient::State
   bool startWorker(const std::shared_ptr<ClientLink>& own, std::thread& worker, const char* name,
                    void (State::*body)(ClientLink&));
   void endWorker(std::thread ClientLink::*worker);
-  void retire(const std::shared_ptr<ClientLink>& old);
+  void endReceiving();
   void joinRetired();
   void notify(bool value);
-  void closeTransport(const std::shared_ptr<BasicClientInterface>& handle);
+  void closeTransport(BasicClientInterface& handle);
   int handOver(const char* fmt, const std::function<void(BasicClientInterface&)>& send);
   int handOverText(const char* fmt, const std::function<std::string()>& text);
 
@@ -127,8 +114,7 @@ class TCP_COM_HIDDEN CommunicationClient::State
   const std::shared_ptr<ThreadLoop> loop;
   std::recursive_mutex connectLock;
   ValueSlot<std::shared_ptr<ClientLink>> link;
-  std::mutex retiredLock;  // innermost
-  std::vector<std::shared_ptr<ClientLink>> retired;
+  RetiredWorkers retired;
   ClientLink* delivering = nullptr;  // listenerMutex: the link whose thread runs the listeners
   std::atomic<bool> destroyed{false};
 };

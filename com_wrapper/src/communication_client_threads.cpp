@@ -7,6 +7,7 @@
 #include "atomic_access.h"
 #include "brix_json.h"
 #include "callback_guard.h"
+#include "command_envelope.h"
 #include "communication_client_state.h"
 #include "log_macros.h"
 #include "thread_mark.h"
@@ -31,18 +32,17 @@ void CommunicationClient::State::cycle() {
     log_time::timer_end(own->recvTimer);
     warnOfSilence(*own);  // the last warning and the watchdog fall due together
     if (!disConnect()) return;
-    own->joinWorkers();
+    own->joinAll();
     joinRetired();
     if (printFlag) BRIX_LOG_INFO("communication thread quit.");
     return;
   }
-  const auto handle = own->handle;
-  if (!handle) return;
-  const std::string chunk = readChunk(*handle);
+  BasicClientInterface& handle = *own->handle;
+  const std::string chunk = readChunk(handle);
   log_time::timer_end(own->recvTimer);
   warnOfSilence(*own);
   if (chunk.empty()) return;
-  const std::string& delimiter = handle->delimiter;
+  const std::string& delimiter = handle.delimiter;
   if (chunk == delimiter) return;  // no traffic, and nothing for the buffer
   log_time::timer_start(own->recvTimer);
   own->warnCount = 1;
@@ -161,21 +161,19 @@ void CommunicationClient::State::sendLoop(ClientLink& own) {
 
 // After a reconnect the transport is that of the next connection, which must not get these texts.
 void CommunicationClient::State::sendBatch(ClientLink& own) {
-  const auto handle = own.handle;
   for (std::string& text : own.sendQueue.takeAll()) {
-    if (!handle || own.stop.requested()) return;
-    const std::string& delimiter = handle->delimiter;
+    if (own.stop.requested()) return;
+    const std::string& delimiter = own.handle->delimiter;
     if (text.size() > delimiter.size() && !endsWith(text, delimiter)) text += delimiter;
-    handle->sendMsg(text);
+    own.handle->sendMsg(text);
   }
 }
 
 void CommunicationClient::State::heartbeatLoop(ClientLink& own) {
   const ThreadMark mark(this);
-  Json::Value heartbeat;
-  heartbeat["command"] = "heartbeat";
   if (heartbeatMsg.load().empty()) {
-    heartbeatMsg = brix_json::toStrWithoutIndentation(heartbeat, brix_json::kPrecision);
+    heartbeatMsg =
+        brix_json::toStrWithoutIndentation(envelope::heartbeatRequest(), brix_json::kPrecision);
   }
   while (!own.stop.requested() && heartbeatMode) {
     send(heartbeatMsg.load());
@@ -214,9 +212,7 @@ int CommunicationClient::State::handOver(const char* fmt,
                                          const std::function<void(BasicClientInterface&)>& send) {
   if (!connected) return kNotConnected;
   const auto own = link.load();
-  const auto handle = own ? own->handle : nullptr;
-  if (!handle) return kNotConnected;
-  return guarded(fmt, [&] { send(*handle); }) ? kSent : kSendThrew;
+  return guarded(fmt, [&] { send(*own->handle); }) ? kSent : kSendThrew;
 }
 
 }  // namespace brix

@@ -3,11 +3,11 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "atomic_access.h"
+#include "broadcast_thread.h"
 #include "callback_guard.h"
 #include "callback_slot.h"
 #include "data_queue.h"
@@ -15,7 +15,6 @@
 #include "log_macros.h"
 #include "stop_signal.h"
 #include "thread_mark.h"
-#include "worker_thread.h"
 
 namespace brix {
 namespace {
@@ -34,12 +33,10 @@ using FunctionList = std::vector<std::shared_ptr<const Function>>;
 /// What the server shares with its broadcast thread and the transport's listeners: both may outlive
 /// the server.
 ///
-/// Lock order: lifecycleLock; the transport's connection lock, then stateLock; the transport's
-/// receive lock, then rawDataLock. The last two are never held together: inside one of this
-/// server's callbacks neither is taken.
+/// Lock order: the broadcast thread's; the transport's connection lock, then stateLock; the
+/// transport's receive lock, then rawDataLock. The last two are never held together: inside one of
+/// this server's callbacks neither is taken.
 struct TCP_COM_HIDDEN CommunicationServer::State : std::enable_shared_from_this<State> {
-  ~State() { detachIfJoinable(broadcastThread); }  // its last holder may be that thread
-
   void setServerHandle(const std::shared_ptr<BasicServerInterface>& handle);
   void terminate();
   void release();
@@ -52,15 +49,13 @@ struct TCP_COM_HIDDEN CommunicationServer::State : std::enable_shared_from_this<
   void broadcastOnce(StopSignal& run);
   bool waitForAudience(StopSignal& run, std::unique_lock<std::mutex>& lock);
   void finishTransportWork();
-  void requestStop();
-  bool onBroadcastThread() const { return ThreadMark::standsFor(&broadcastThread); }
+  bool onBroadcastThread() const { return broadcastThread.isOwnThread(); }
   bool insideCallback() const { return ThreadMark::standsFor(this); }
   template <typename Function>
   void replace(std::mutex& runningCalls, ValueSlot<FunctionList<Function>>& list, Function next);
 
   DataQueue<std::string> firstQueue;
   DataQueue<std::string> secondQueue;
-  ValueSlot<std::shared_ptr<StopSignal>> quit;  // of the last broadcast thread; each has its own
   ValueSlot<std::shared_ptr<BasicServerInterface>> serverHandle;
   std::mutex rawDataLock;  // held while raw-data functions run
   ValueSlot<FunctionList<RawDataFunc>> rawDataFuncs;
@@ -70,14 +65,12 @@ struct TCP_COM_HIDDEN CommunicationServer::State : std::enable_shared_from_this<
   std::atomic<double> broadcastRate{kDefaultBroadcastMs};
   std::atomic<double> sendRate{0.0};
   std::atomic<double> recvRate{0.0};
-  std::thread broadcastThread;  // lifecycleLock
-  std::mutex stateLock;         // held while connection listeners and the broadcast function run
+  BroadcastThread broadcastThread;
+  std::mutex stateLock;  // held while connection listeners and the broadcast function run
   std::condition_variable connectionCondition;
   CallbackSlot<void(const std::string&)> sentMsgObserver;
   log_time::TimerUnit timerUnit;
 
-  std::mutex lifecycleLock;
-  std::atomic<bool> closed{false};  // the server is gone: no broadcast thread starts any more
   // What the broadcast thread has to do for its function once that has returned.
   ValueSlot<std::shared_ptr<BasicServerInterface>> toTerminate;
   std::vector<std::shared_ptr<BasicServerInterface>> toRelease;  // broadcast thread only
@@ -136,7 +129,7 @@ void CommunicationServer::terminate() {
 // the transport. The broadcast thread itself holds the state lock, for which the transport's
 // threads may be waiting: it does 3 when its function has returned.
 void CommunicationServer::State::terminate() {
-  requestStop();
+  broadcastThread.requestStop();
   connected = false;
   connectionCondition.notify_all();
   const auto handle = serverHandle.load();
@@ -148,19 +141,12 @@ void CommunicationServer::State::terminate() {
   }
 }
 
-void CommunicationServer::State::requestStop() {
-  if (const auto run = quit.load()) run->request();
-}
-
 // Inside a callback nobody can be waited for: the callback may hold a lock that they need.
 void CommunicationServer::State::release() {
   const bool wait = !insideCallback();
-  closed = true;
-  requestStop();  // of a thread that a callback has started since terminate()
+  broadcastThread.close(false);  // a callback may have started it since terminate()
   gate.close(wait);
-  if (!wait) return;
-  std::lock_guard<std::mutex> lock(lifecycleLock);
-  joinIfJoinable(broadcastThread);
+  if (wait) broadcastThread.close(true);
 }
 
 void CommunicationServer::setSendRate(double rate) {
@@ -209,27 +195,9 @@ void CommunicationServer::registerBroadcastFunc(std::function<std::string()> fun
   state->startBroadcasting();
 }
 
-// Outside the broadcast thread this waits for an earlier thread, which ends only by terminate(). On
-// that thread the new one takes over when the function has returned.
 void CommunicationServer::State::startBroadcasting() {
-  std::unique_lock<std::mutex> lock(lifecycleLock, std::defer_lock);
-  const auto previous = std::make_shared<std::thread>();
-  if (onBroadcastThread()) {
-    if (!lock.try_lock()) return;  // another registration is waiting for this very thread
-    requestStop();
-    previous->swap(broadcastThread);
-  } else {
-    lock.lock();
-    joinIfJoinable(broadcastThread);
-  }
-  const auto run = std::make_shared<StopSignal>();
-  quit = run;
-  if (closed) run->request();
-  const auto body = [state = shared_from_this(), run, previous] {
-    joinIfJoinable(*previous);
-    state->broadcastLoop(*run);
-  };
-  if (!startThread(broadcastThread, "broadcast thread", body)) detachIfJoinable(*previous);
+  broadcastThread.start(
+      [state = shared_from_this()](StopSignal& run) { state->broadcastLoop(run); }, false);
 }
 
 // From outside this returns when the function before is not running any more. Inside a callback the
@@ -306,11 +274,11 @@ void CommunicationServer::State::connectionNotify(bool value) {
 
 void CommunicationServer::broadcastAutomaticFunc() {
   const auto state = state_;
-  if (const auto run = state->quit.load()) state->broadcastLoop(*run);
+  const ThreadMark mark(&state->broadcastThread);
+  if (const auto run = state->broadcastThread.run()) state->broadcastLoop(*run);
 }
 
 void CommunicationServer::State::broadcastLoop(StopSignal& run) {
-  const ThreadMark broadcastMark(&broadcastThread);
   const ThreadMark mark(this);
   while (!run.requested()) {
     run.pauseMs(broadcastRate);

@@ -1,6 +1,7 @@
 #include "socket_owner.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -101,12 +102,13 @@ ssize_t SocketOwner::recv(void* buffer, std::size_t size, int flags) noexcept {
   return received;
 }
 
-int SocketOwner::accept() noexcept {
+int SocketOwner::accept(sockaddr_in* peer) noexcept {
   const Use use(*this);
   if (!use) return -1;
   int accepted = -1;
   do {
-    accepted = ::accept(fd_, nullptr, nullptr);
+    socklen_t size = sizeof *peer;
+    accepted = ::accept(fd_, reinterpret_cast<sockaddr*>(peer), peer == nullptr ? nullptr : &size);
   } while (accepted == -1 && errno == EINTR);
   return accepted;
 }

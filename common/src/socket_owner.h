@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <mutex>
 
+struct sockaddr_in;
+
 namespace brix {
 
 /// The one owner of a socket descriptor, shared by the threads that use it.
@@ -56,8 +58,9 @@ class SocketOwner {
   /// @return as recv(2); -1 with EBADF after the end
   ssize_t recv(void* buffer, std::size_t size, int flags) noexcept;
 
+  /// @param peer  gets the address of who connected, unless null
   /// @return the accepted descriptor; -1 on an error and after the end
-  int accept() noexcept;
+  int accept(sockaddr_in* peer) noexcept;
 
   /// @return false if `ms` milliseconds passed without anything to read
   bool waitReadable(double ms) noexcept;

@@ -48,17 +48,12 @@ bool BrixTcpServer::releaseAble() {
 }
 
 int BrixTcpServer::listeningPort() const {
-  std::lock_guard<std::mutex> lock(state_->listenLock);
-  return state_->listeningPort;
+  return state_->listening.port();
 }
 
 bool BrixTcpServer::waitUntilListening(double timeoutMs) const {
   const auto state = state_;
-  std::unique_lock<std::mutex> lock(state->listenLock);
-  state->listenChanged.wait_for(lock, std::chrono::microseconds(pauseMicros(timeoutMs)), [&] {
-    return state->listeningPort != 0 || state->listenFailed || state->quit.requested();
-  });
-  return state->listeningPort != 0;
+  return state->listening.waitUntilListening(timeoutMs);
 }
 
 void BrixTcpServer::waitForConnectionThreadFunc(int port) {
@@ -106,7 +101,7 @@ bool BrixTcpServer::State::anyWorker() const {
 void BrixTcpServer::State::startWorkers(int port) {
   const auto state = shared_from_this();
   if (!startThread(acceptThread, "accept thread", [state, port] { state->acceptLoop(port); })) {
-    publishListening(true, 0);
+    listening.fail();
   }
   startThread(sendThread, "send thread", [state] { state->sendLoop(); });
   startThread(recvThread, "recieve thread", [state] { state->recvLoop(); });
@@ -118,11 +113,11 @@ void BrixTcpServer::State::startWorkers(int port) {
 // and receive thread; 6. wake and join the monitor. On one of these threads only 1 to 4: waiting
 // there would mean waiting for itself, or for a thread that waits for a lock held here.
 void BrixTcpServer::State::terminate() {
-  BRIX_LOG_INFO("tcp server terminated, base socket id %d", listenNumber.load());
+  BRIX_LOG_INFO("tcp server terminated, base socket id %d", listening.number());
   quit.request();
   pumpCondition.notify_all();
   terminateHandlers();
-  endListening();
+  listening.end();
   if (ThreadMark::standsFor(this)) return;
   std::lock_guard<std::mutex> lock(lifecycleLock);
   joinWorkers();

@@ -1,114 +1,45 @@
 // The server's accept and monitor threads: connections come and go.
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <utility>
 
 #include "brix_tcp_server_state.h"
 #include "callback_guard.h"
 #include "log_macros.h"
-#include "tcp_address.h"
 #include "thread_mark.h"
 
 namespace brix {
 namespace {
 
 constexpr double kAcceptPauseMs = 10;
-constexpr int kBacklog = 5;
-
-// Without this a broadcast that follows another one waits for the client's delayed acknowledgement,
-// 40 ms. A socket that refuses it is served all the same.
-void sendAtOnce(int socket) {
-  const int noDelay = 1;
-  setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
-}
 
 }  // namespace
 
 void BrixTcpServer::State::acceptLoop(int port) {
   const ThreadMark mark(this);
-  const std::shared_ptr<SocketOwner> listener = openListener(port);
-  if (!listener) {
-    publishListening(true, 0);
+  const char* failure = listening.open();
+  if (failure == nullptr) failure = listening.listenOn(port);
+  if (failure != nullptr) {
+    BRIX_LOG_INFO("%s", failure);
     return;  // acceptEnded stays false: releaseAble() tells of a server that never listened
   }
   while (!quit.requested()) {
     quit.pauseMs(kAcceptPauseMs);
     BRIX_LOG_INFO("tcp server waiting for client on port %d, base socket %d...", port,
-                  listener->number());
-    const int socket = listener->accept();
+                  listening.number());
+    const int socket = listening.accept(nullptr);
     if (socket >= 0) guarded("creatSocketHandle exception: %s", [&] { createHandler(socket); });
   }
   BRIX_LOG_INFO("tcp server exit");
-  endListening();
+  listening.end();
   acceptEnded = true;
-}
-
-std::shared_ptr<SocketOwner> BrixTcpServer::State::openListener(int port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0) {
-    BRIX_LOG_INFO("Socket error");
-    return nullptr;
-  }
-  auto socket = std::make_shared<SocketOwner>(fd);
-  const SocketOwner::Use use(*socket);
-  {
-    std::lock_guard<std::mutex> lock(listenLock);
-    listenSocket = socket;
-    listenNumber = fd;
-  }
-  return bindAndListen(*socket, port) ? socket : nullptr;
-}
-
-bool BrixTcpServer::State::bindAndListen(SocketOwner& socket, int port) {
-  const int fd = socket.number();
-  const int reuse = 1;  // a restarted controller gets its port back at once
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
-  sockaddr_in address = socketAddress(port);
-  auto* const raw = reinterpret_cast<sockaddr*>(&address);
-  if (!isPort(port) || bind(fd, raw, sizeof address) != 0) {
-    BRIX_LOG_INFO("Unable to bind");
-    return false;
-  }
-  if (listen(fd, kBacklog) != 0) {
-    BRIX_LOG_INFO("Listen error");
-    return false;
-  }
-  socklen_t size = sizeof address;
-  getsockname(fd, raw, &size);  // the port that the kernel chose, if it was asked to
-  publishListening(false, ntohs(address.sin_port));
-  return true;
-}
-
-void BrixTcpServer::State::publishListening(bool failed, int port) {
-  {
-    std::lock_guard<std::mutex> lock(listenLock);
-    listenFailed = failed;
-    listeningPort = quit.requested() ? 0 : port;
-  }
-  listenChanged.notify_all();
-}
-
-void BrixTcpServer::State::endListening() {
-  std::shared_ptr<SocketOwner> socket;
-  {
-    std::lock_guard<std::mutex> lock(listenLock);
-    socket = listenSocket;
-    listeningPort = 0;
-  }
-  listenChanged.notify_all();
-  if (socket) socket->end();
 }
 
 // The handler is held back until it stands in the map with its callbacks: neither its first message
 // nor its end can come too early.
 void BrixTcpServer::State::createHandler(int socket) {
   const int id = ++idCounter;
-  sendAtOnce(socket);
   std::shared_ptr<TcpServerHandler> handler;
   const bool made = guarded("connection handler exception: %s", [&] {
     handler = std::make_shared<TcpServerHandler>(

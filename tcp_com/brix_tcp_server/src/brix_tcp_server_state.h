@@ -12,7 +12,7 @@
 #include "brix_tcp_server.h"
 #include "callback_slot.h"
 #include "data_queue.h"
-#include "socket_owner.h"
+#include "listen_socket.h"
 #include "stop_signal.h"
 
 namespace brix {
@@ -20,8 +20,8 @@ namespace brix {
 /// What the server shares with its threads: a listener on one of them may destroy the server.
 ///
 /// Lock order: lifecycleLock; connectionLock, recvLock, sendLock; then the innermost ones, which
-/// are never held while another lock is taken or anything is called: mapLock, selfLock, listenLock,
-/// the queues' and slots' own locks.
+/// are never held while another lock is taken or anything is called: mapLock, selfLock, the
+/// own locks of the listening socket, the queues and the slots.
 struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State> {
   explicit State(BasicServerInterface* owner) : self(owner) {}
   ~State();
@@ -47,9 +47,6 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   bool releaseAble() const;
 
   void acceptLoop(int port);
-  std::shared_ptr<SocketOwner> openListener(int port);
-  bool bindAndListen(SocketOwner& socket, int port);
-  void publishListening(bool failed, int port);
   void createHandler(int socket);
   void insertHandler(int id, const std::shared_ptr<TcpServerHandler>& handler);
   void connectionNotify(bool value);
@@ -70,16 +67,15 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   std::string ownDelimiter() const;
   std::vector<std::shared_ptr<TcpServerHandler>> handlers() const;
   void terminateHandlers() const;
-  void endListening();
 
   std::atomic<int> idCounter{0};
-  std::atomic<int> listenNumber{-1};
   std::map<int, std::shared_ptr<TcpServerHandler>> connections;  // connectionLock and mapLock
   std::vector<int> quitIds;                                      // connectionLock
   std::mutex connectionLock;
   std::condition_variable connectionCondition;
   [[maybe_unused]] int reserved = 0;
   StopSignal quit;
+  ListenSocket listening{quit};
   DataQueue<std::string> sendQueue;
   DataQueue<std::string> recvQueue;
   CallbackSlot<void(bool)> connectionListener;
@@ -100,11 +96,6 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   mutable std::mutex mapLock;
   mutable std::mutex selfLock;
   BasicServerInterface* self;  // selfLock; null once the server is gone
-  mutable std::mutex listenLock;
-  mutable std::condition_variable listenChanged;
-  std::shared_ptr<SocketOwner> listenSocket;  // listenLock, as the two below
-  int listeningPort = 0;
-  bool listenFailed = false;
 };
 
 }  // namespace brix

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "callback_slot.h"
+#include "stop_signal.h"
+#include "thread_mark.h"
+
+namespace brix {
+
+/// The thread that publishes at a rate. Each registration of a function starts a new one, after the
+/// one before has ended.
+class BroadcastThread {
+ public:
+  using Body = std::function<void(StopSignal& run)>;
+
+  ~BroadcastThread();
+
+  /// Starts the body on a new thread. Waits for the thread before, which ends when its run is
+  /// stopped; on that thread itself the new one takes over when its cycle has returned.
+  /// @param stopped  whether the run is asked to stop from the beginning
+  void start(Body body, bool stopped);
+
+  void requestStop();
+
+  /// Asks for the end and lets no further thread start.
+  /// @param wait  return when the thread has ended
+  void close(bool wait);
+
+  /// @return the stop signal of the last thread's run; null if there was none
+  std::shared_ptr<StopSignal> run() const { return run_.load(); }
+
+  bool isOwnThread() const { return ThreadMark::standsFor(this); }
+
+ private:
+  std::mutex lifecycleLock_;
+  std::thread thread_;  // lifecycleLock_
+  std::atomic<bool> closed_{false};
+  ValueSlot<std::shared_ptr<StopSignal>> run_;
+};
+
+}  // namespace brix

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+#include "socket_owner.h"
+#include "stop_signal.h"
+
+namespace brix {
+
+/// The listening socket of a server: opened and used by its accept thread, ended and asked about by
+/// any other.
+class ListenSocket {
+ public:
+  /// @param stop  the server's stop; once asked for, no port is announced any more
+  explicit ListenSocket(const StopSignal& stop) : stop_(stop) {}
+
+  /// Opens the socket, in the place of an earlier one.
+  /// @return null, or what failed, for the log
+  const char* open();
+
+  /// Binds to the port on every local address, and listens. A failure leaves the socket open.
+  /// @return as above
+  const char* listenOn(int port);
+
+  /// Waits for a client.
+  /// @param peer  gets its address unless null
+  /// @return its descriptor, which sends small messages at once; -1 on an error and after the end
+  int accept(sockaddr_in* peer);
+
+  /// The accept thread could not be started.
+  void fail();
+
+  void end();
+
+  /// @return the last descriptor's number, for the log only; -1: never opened
+  int number() const;
+
+  /// @return the port; 0 while there is none
+  int port() const;
+
+  /// Waits until the socket listens.
+  /// @return false when it cannot, was stopped, or the time is over
+  bool waitUntilListening(double timeoutMs) const;
+
+ private:
+  std::shared_ptr<SocketOwner> socket() const;
+  void publish(bool failed, int port);
+
+  const StopSignal& stop_;
+  mutable std::mutex mutex_;  // innermost
+  mutable std::condition_variable changed_;
+  std::shared_ptr<SocketOwner> socket_;
+  int port_ = 0;
+  bool failed_ = false;
+};
+
+}  // namespace brix
