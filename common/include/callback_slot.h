@@ -57,6 +57,9 @@ class CallbackSlot<Result(Args...)> {
     return *this;
   }
 
+  /// @return the function, or null; what its captures hold lives as long as the result
+  std::shared_ptr<const Function> load() const { return function_.load(); }
+
   /// @return whether a function is set
   explicit operator bool() const { return function_.load() != nullptr; }
 

@@ -229,6 +229,8 @@ class LogMutex {
   void lock() {
     if (usable_ && pthread_mutex_lock(&mutex_) != 0) report("lock");
   }
+  /// @return false if another thread holds it
+  bool try_lock() { return !usable_ || pthread_mutex_trylock(&mutex_) == 0; }
   void unlock() {
     if (usable_ && pthread_mutex_unlock(&mutex_) != 0) report("unlock");
   }

@@ -26,11 +26,12 @@ class DeliveryGate {
   };
 
   /// Lets no further delivery in.
-  /// @param wait  return only when none is running; not from inside one
-  void close(bool wait) {
+  /// @param wait  return only when none is running but the caller's own
+  /// @param own  number of deliveries that the caller is inside of
+  void close(bool wait, int own = 0) {
     std::unique_lock<std::mutex> lock(mutex_);
     closed_ = true;
-    if (wait) empty_.wait(lock, [this] { return running_ == 0; });
+    if (wait) changed_.wait(lock, [&] { return running_ <= own; });
   }
 
  private:
@@ -42,11 +43,12 @@ class DeliveryGate {
   }
   void leave() {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (--running_ == 0) empty_.notify_all();
+    --running_;
+    if (closed_) changed_.notify_all();
   }
 
   std::mutex mutex_;  // innermost
-  std::condition_variable empty_;
+  std::condition_variable changed_;
   int running_ = 0;
   bool closed_ = false;
 };

@@ -1,0 +1,194 @@
+#include "tcp_client_wrapper.h"
+
+#include <utility>
+
+#include "callback_guard.h"
+#include "log_macros.h"
+#include "tcp_client_wrapper_state.h"
+
+namespace brix {
+namespace {
+
+constexpr char kUnitName[] = "tcp_com";
+constexpr double kFirstPeriodMs = 50.0;
+constexpr double kPeriodMs = 1.0;
+constexpr double kReconnectPauseMs = 3000;
+constexpr double kConnectTimeoutS = 2.0;
+constexpr int kConnected = 1;
+constexpr int kNotConnected = -1;
+
+void logBanner() {
+  BRIX_LOG_INFO("*****************************************");
+  BRIX_LOG_INFO("*****************************************");
+  BRIX_LOG_INFO("*************   Enjoy ^-^    ************");
+  BRIX_LOG_INFO("*****************************************");
+  BRIX_LOG_INFO("*****************************************");
+  BRIX_LOG_INFO("");
+  BRIX_LOG_INFO("");
+}
+
+}  // namespace
+
+TcpClientWrapper::TcpClientWrapper()
+    : ThreadUnit(kUnitName, kFirstPeriodMs), state_(std::make_shared<State>(loop())) {
+  setPeriod(kPeriodMs);
+  start();
+}
+
+TcpClientWrapper::~TcpClientWrapper() {
+  state_->release();
+}
+
+int TcpClientWrapper::connectSocket(const std::string& ip, int port) {
+  const auto state = state_;
+  return state->connect(*this, ip, port);
+}
+
+bool TcpClientWrapper::send(const std::string& /*name*/, const std::string& msg,
+                            double /*timeout*/) {
+  return state_->send(msg);
+}
+
+void TcpClientWrapper::attachListener(iRecieveListener* l) {
+  state_->attachListener(l);
+}
+
+bool TcpClientWrapper::isConnected() {
+  return state_->handle != kNotConnected;
+}
+
+void TcpClientWrapper::disConnected() {
+  const auto state = state_;
+  state->disconnect();
+}
+
+void TcpClientWrapper::threadCycle() {
+  const auto state = state_;
+  state->cycle();
+}
+
+void TcpClientWrapper::broadcastData() {
+  const auto state = state_;
+  if (const auto own = state->currentLink()) state->broadcastLoop(*own);
+}
+
+void TcpClientWrapper::sendHeartbeatFunc() {
+  const auto state = state_;
+  if (const auto own = state->currentLink()) state->heartbeatLoop(*own);
+}
+
+void TcpClientWrapper::sendRequestFunc() {
+  const auto state = state_;
+  if (const auto own = state->currentLink()) state->requestLoop(*own);
+}
+
+void TcpClientWrapper::State::attachListener(iRecieveListener* listener) {
+  std::lock_guard<std::mutex> lock(attachLock);
+  auto next = std::make_shared<Listeners>(*listeners.load());
+  next->push_back(listener);
+  const int count = static_cast<int>(next->size());
+  listeners = std::shared_ptr<const Listeners>(std::move(next));
+  BRIX_LOG_INFO("TcpClientWrapper attach listener, current listener number %d", count);
+}
+
+int TcpClientWrapper::State::connect(ThreadUnit& unit, const std::string& ip, int port) {
+  std::unique_lock<std::recursive_mutex> lock(connectLock, std::defer_lock);
+  if (!onOwnThread()) {
+    lock.lock();
+  } else if (!lock.try_lock()) {
+    BRIX_LOG_ERROR("another thread is connecting");
+    return kNotConnected;
+  }
+  if (handle != kNotConnected) {
+    disconnect();
+    destroyed.pauseMs(kReconnectPauseMs);  // the server is given time to see the end
+  }
+  int result = kNotConnected;
+  guarded("connectSocket exception: %s", [&] { result = connectLocked(unit, ip, port); });
+  return result;
+}
+
+int TcpClientWrapper::State::connectLocked(ThreadUnit& unit, const std::string& ip, int port) {
+  const auto client = std::make_shared<TcpClient>(ip, port);
+  const int result =
+      destroyed.requested() ? kNotConnected : client->connectServer(kConnectTimeoutS);
+  if (result != kConnected) {
+    getLogInstance()->err(__FILE__, __LINE__, ERR_COMMUNICATION,
+                          "TCP connected failed, ip %s, port %d", ip.c_str(), port);
+    return kNotConnected;
+  }
+  const auto own = beginLink(client, result);
+  BRIX_LOG_INFO("Tcp connect socket [%s : %d] success, handle id %d", ip.c_str(), port, result);
+  logBanner();
+  if (startThreads(unit, own)) return result;
+  endLink(*own);
+  return kNotConnected;
+}
+
+// The workers of the connection before ended with it, on its own signal: joining them is short.
+bool TcpClientWrapper::State::startThreads(ThreadUnit& unit,
+                                           const std::shared_ptr<WrapperLink>& own) {
+  const bool receiving = loop->start(unit);
+  retired.join(onOwnThread());
+  return receiving &&
+         startWorker(own, own->broadcastThread, "broadcast thread", &State::broadcastLoop) &&
+         startWorker(own, own->heartbeatThread, "heartbeat thread", &State::heartbeatLoop) &&
+         startWorker(own, own->sendThread, "request thread", &State::requestLoop);
+}
+
+bool TcpClientWrapper::State::startWorker(const std::shared_ptr<WrapperLink>& own,
+                                          std::thread& worker, const char* name,
+                                          void (State::*body)(WrapperLink&)) {
+  const auto state = shared_from_this();
+  return ConnectionWorkers::start(own, worker, name,
+                                  [state, link = own.get(), body] { ((*state).*body)(*link); });
+}
+
+std::shared_ptr<WrapperLink> TcpClientWrapper::State::beginLink(std::shared_ptr<TcpClient> client,
+                                                                int result) {
+  auto next = std::make_shared<WrapperLink>(std::move(client));
+  std::lock_guard<std::mutex> lock(linkLock);
+  retired.add(link.load());
+  link = next;
+  handle = result;
+  if (destroyed.requested()) next->stop.request();
+  return next;
+}
+
+// Another thread may have connected anew meanwhile: only the connection that ended falls.
+void TcpClientWrapper::State::endLink(WrapperLink& ended) {
+  std::lock_guard<std::mutex> lock(linkLock);
+  ended.client->closeClient();
+  ended.stop.request();
+  if (link.load().get() == &ended) handle = kNotConnected;
+}
+
+void TcpClientWrapper::State::disconnect() {
+  if (handle == kNotConnected) return;
+  const auto current = link.load();
+  endLink(*current);
+}
+
+// Stop sequence: 1. close the transport, which ends a blocked read or send, and the connection's
+// stop signal, which ends the pauses; 2. join the workers; 3. stop the unit's thread. Inside a
+// listener the workers are only asked; they end on this state.
+void TcpClientWrapper::State::release() {
+  destroyed.request();
+  disconnect();
+  const bool own = onOwnThread();
+  std::unique_lock<std::recursive_mutex> lock(connectLock, std::defer_lock);
+  if (!own) lock.lock();  // a listener may be connecting
+  disconnect();
+  retired.add(link.load());
+  retired.join(own);
+  loop->stop();  // a cycle must not begin on a half-destroyed object
+  listeners = std::make_shared<const Listeners>();
+}
+
+bool TcpClientWrapper::State::send(const std::string& msg) {
+  if (handle == kNotConnected) return false;
+  requestQueue.push(msg);
+  return true;
+}
+
+}  // namespace brix

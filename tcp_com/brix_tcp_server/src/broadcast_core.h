@@ -1,0 +1,101 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "callback_slot.h"
+#include "data_queue.h"
+#include "log_facade.h"
+#include "socket_owner.h"
+#include "stop_signal.h"
+
+namespace brix {
+
+/// What is behind TcpServerBroadcaster. Never destroyed: threads of the servers, and objects with
+/// static storage, may use it until the very end of the process.
+class BroadcastCore {
+ public:
+  using SendFunc = std::function<void(int, const std::string&)>;
+
+  /// The core alone, for the broadcaster itself.
+  static BroadcastCore& instance();
+
+  /// The core, with its sender thread started.
+  static BroadcastCore& started();
+
+  void start();
+  void shutDown();
+
+  /// Ends the sender thread for good.
+  void requestQuit() { quit_.request(); }
+
+  std::string attach(SendFunc fn, int socket);
+
+  /// As above; gives up when `stop` is asked for while another thread holds the listener lock.
+  void attachUnless(StopSignal& stop, SendFunc fn, int socket);
+
+  /// @param reservation  keeps the number from being given out again; dropped when no registration
+  ///   under it can be mistaken any more
+  void detach(int socket, std::shared_ptr<void> reservation);
+
+  int push(const std::string& msg);
+  void setConnectionListener(std::function<void(bool)> listener);
+  std::size_t count() const { return count_; }
+  void run();
+
+  /// One send on the sender thread, which the end of the process may cut short. On other threads it
+  /// does nothing.
+  class Sending {
+   public:
+    explicit Sending(SocketOwner& socket);
+    ~Sending();
+    Sending(const Sending&) = delete;
+    Sending& operator=(const Sending&) = delete;
+
+    /// @return false if the process ends: nothing is to be sent any more
+    explicit operator bool() const { return allowed_; }
+
+   private:
+    const bool onSender_;
+    const bool allowed_;
+  };
+
+ private:
+  struct Release {
+    int socket;
+    std::shared_ptr<void> reservation;
+  };
+
+  std::string insert(SendFunc fn, int socket);
+  void cycle();
+  void removeReleased(std::vector<Release>& released, std::vector<SendFunc>& removed);
+  void sendOne();
+  void notify();
+  void ended();
+  bool enterSend(SocketOwner& socket);
+  void leaveSend();
+
+  int attachCount_ = 1;  // listenerLock_, as the three below
+  std::map<int, SendFunc> listenerMap_;
+  std::vector<Release> releaseList_;
+  bool senderEnded_ = false;
+  LogMutex listenerLock_;              // held while send functions and connection listener run
+  std::atomic<std::size_t> count_{0};  // of listenerMap_, for those who do not take the lock
+  std::atomic<bool> sending_{true};    // until the sender has ended
+  StopSignal quit_;
+  DataQueue<std::string> msgQueue_;
+  std::thread senderThread_;
+  CallbackSlot<void(bool)> connectionListener_;
+
+  StopSignal processEnd_;
+  std::mutex stuckLock_;            // innermost
+  SocketOwner* sendsTo_ = nullptr;  // stuckLock_
+};
+
+}  // namespace brix

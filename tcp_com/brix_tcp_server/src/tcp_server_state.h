@@ -1,0 +1,86 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "callback_slot.h"
+#include "delivery_gate.h"
+#include "listen_socket.h"
+#include "message_splitter.h"
+#include "socket_owner.h"
+#include "stop_signal.h"
+#include "tcp_server.h"
+#include "thread_mark.h"
+
+namespace brix {
+
+/// What the server shares with its threads. The receiving threads are detached and outlive it.
+///
+/// Lock order: lifecycleLock; a client's registering; the broadcaster's listener lock; then the
+/// innermost ones: bufferLock, clientsLock, the own locks of gate, slots, sockets and signals.
+struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
+  ~State();
+
+  /// One connected client.
+  struct Client {
+    explicit Client(int fd) : socket(fd) {}
+    SocketOwner socket;
+    std::mutex registering;  // held by the accept thread until the client is registered
+  };
+
+  /// Keeps a client's number from being given out again, also after its end.
+  struct Reservation {
+    explicit Reservation(std::shared_ptr<Client> reserved)
+        : client(std::move(reserved)), use(client->socket) {}
+    const std::shared_ptr<Client> client;
+    const SocketOwner::Use use;
+  };
+
+  enum class Ending { RecvError, PeerClosed, QuitCommand, Exit, Quit };
+
+  using Listeners = std::vector<iRecieveListener*>;
+
+  void createSocket(int port);
+  void stop();
+  void release(bool mayBlock);
+  void attachListener(iRecieveListener* listener);
+  void broadcastData(int socket, const std::string& data);
+
+  void acceptLoop(int port);
+  void acceptOne(int port);
+  void admit(const std::shared_ptr<Reservation>& reservation, const sockaddr_in& peer);
+
+  std::shared_ptr<Reservation> adopt(int socket);
+  void serve(std::shared_ptr<Reservation> reservation);
+  Ending receive(Client& client);
+  void takeChunk(const char* text, std::size_t size);
+  void deliver(const std::string& msg);
+  void endClient(std::shared_ptr<Reservation> reservation, Ending ending);
+
+  bool onAcceptThread() const { return ThreadMark::standsFor(&acceptThread); }
+  bool insideListener() const { return ThreadMark::standsFor(&gate); }
+
+  StopSignal quit;
+  ListenSocket listening{quit};
+  std::atomic<int> connectionCount{0};
+  MessageSplitter reassembly;  // bufferLock; one for all clients
+  std::mutex bufferLock;
+  std::thread acceptThread;  // lifecycleLock
+  ValueSlot<std::shared_ptr<const Listeners>> listeners{std::make_shared<const Listeners>()};
+
+  std::mutex lifecycleLock;
+  std::atomic<bool> accepting{false};  // until the accept thread has ended
+  std::mutex attachLock;               // one attach at a time
+  DeliveryGate gate;
+  std::mutex clientsLock;
+  std::map<int, std::weak_ptr<Client>> clients;  // clientsLock
+};
+
+}  // namespace brix
