@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Writes the README's C++ programs, readme_server.cpp and readme_client.cpp, into a folder.
+# Writes the README's C++ programs, readme_NAME.cpp, into a folder.
 # Usage: extract_readme.sh FOLDER
 set -euo pipefail
 readme=$(cd "$(dirname "$0")/../.." && pwd)/README.md
-for name in server client; do
+for name in server command_server client; do
   awk -v start="<!-- program: $name -->" '
     $0 == start { wanted = 1 }
     wanted && /^```$/ { exit }

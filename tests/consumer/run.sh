@@ -21,14 +21,16 @@ echo "== pkg-config"
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 read -ra flags <<<"$(pkg-config --cflags --libs tcp_com)"
 mkdir "$work/pkg"
-for name in server client; do
+for name in server command_server client; do
   # shellcheck disable=SC2086
   g++ -std=c++17 ${CXXFLAGS-} "$work/readme_$name.cpp" -o "$work/pkg/$name" "${flags[@]}"
 done
 
 export LD_LIBRARY_PATH="$libdir"
 for way in cmake pkg; do
-  "$here/talk.sh" "$work/$way/server" "$work/$way/client"
+  for server in server command_server; do
+    "$here/talk.sh" "$work/$way/$server" "$work/$way/client"
+  done
 done
 
 echo "== exported symbols"
