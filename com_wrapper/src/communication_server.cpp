@@ -197,7 +197,8 @@ void CommunicationServer::registerBroadcastFunc(std::function<std::string()> fun
 
 void CommunicationServer::State::startBroadcasting() {
   broadcastThread.start(
-      [state = shared_from_this()](StopSignal& run) { state->broadcastLoop(run); }, false);
+      [state = shared_from_this()](StopSignal& run) { state->broadcastLoop(run); },
+      [] { return false; });
 }
 
 // From outside this returns when the function before is not running any more. Inside a callback the
@@ -274,8 +275,8 @@ void CommunicationServer::State::connectionNotify(bool value) {
 
 void CommunicationServer::broadcastAutomaticFunc() {
   const auto state = state_;
-  const ThreadMark mark(&state->broadcastThread);
-  if (const auto run = state->broadcastThread.run()) state->broadcastLoop(*run);
+  state->broadcastThread.runHere([&](StopSignal& run) { state->broadcastLoop(run); },
+                                 [] { return false; });
 }
 
 void CommunicationServer::State::broadcastLoop(StopSignal& run) {

@@ -21,8 +21,11 @@ class BroadcastThread {
 
   /// Starts the body on a new thread. Waits for the thread before, which ends when its run is
   /// stopped; on that thread itself the new one takes over when its cycle has returned.
-  /// @param stopped  whether the run is asked to stop from the beginning
-  void start(Body body, bool stopped);
+  /// @param stopped  whether the owner has been told to stop, which it says before requestStop()
+  void start(Body body, const std::function<bool()>& stopped);
+
+  /// Runs the body on the calling thread, as part of the last thread's run if there was one.
+  void runHere(const Body& body, const std::function<bool()>& stopped);
 
   void requestStop();
 
@@ -36,6 +39,8 @@ class BroadcastThread {
   bool isOwnThread() const { return ThreadMark::standsFor(this); }
 
  private:
+  std::shared_ptr<StopSignal> beginRun(const std::function<bool()>& stopped);
+
   std::mutex lifecycleLock_;
   std::thread thread_;  // lifecycleLock_
   std::atomic<bool> closed_{false};

@@ -54,7 +54,7 @@ void TcpClientWrapper::attachListener(iRecieveListener* l) {
 }
 
 bool TcpClientWrapper::isConnected() {
-  return state_->handle != kNotConnected;
+  return state_->connected();
 }
 
 void TcpClientWrapper::disConnected() {
@@ -69,17 +69,17 @@ void TcpClientWrapper::threadCycle() {
 
 void TcpClientWrapper::broadcastData() {
   const auto state = state_;
-  if (const auto own = state->currentLink()) state->broadcastLoop(*own);
+  state->broadcastLoop(*state->linkOrEnded());
 }
 
 void TcpClientWrapper::sendHeartbeatFunc() {
   const auto state = state_;
-  if (const auto own = state->currentLink()) state->heartbeatLoop(*own);
+  state->heartbeatLoop(*state->linkOrEnded());
 }
 
 void TcpClientWrapper::sendRequestFunc() {
   const auto state = state_;
-  if (const auto own = state->currentLink()) state->requestLoop(*own);
+  state->requestLoop(*state->linkOrEnded());
 }
 
 void TcpClientWrapper::State::attachListener(iRecieveListener* listener) {
@@ -99,7 +99,7 @@ int TcpClientWrapper::State::connect(ThreadUnit& unit, const std::string& ip, in
     BRIX_LOG_ERROR("another thread is connecting");
     return kNotConnected;
   }
-  if (handle != kNotConnected) {
+  if (connected()) {
     disconnect();
     destroyed.pauseMs(kReconnectPauseMs);  // the server is given time to see the end
   }
@@ -163,8 +163,15 @@ void TcpClientWrapper::State::endLink(WrapperLink& ended) {
   if (link.load().get() == &ended) handle = kNotConnected;
 }
 
+std::shared_ptr<WrapperLink> TcpClientWrapper::State::linkOrEnded() const {
+  if (auto current = link.load()) return current;
+  auto ended = std::make_shared<WrapperLink>(nullptr);
+  ended->stop.request();
+  return ended;
+}
+
 void TcpClientWrapper::State::disconnect() {
-  if (handle == kNotConnected) return;
+  if (!connected()) return;
   const auto current = link.load();
   endLink(*current);
 }
@@ -186,7 +193,7 @@ void TcpClientWrapper::State::release() {
 }
 
 bool TcpClientWrapper::State::send(const std::string& msg) {
-  if (handle == kNotConnected) return false;
+  if (!connected()) return false;
   requestQueue.push(msg);
   return true;
 }

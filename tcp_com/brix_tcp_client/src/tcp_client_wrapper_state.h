@@ -44,9 +44,10 @@ class TCP_COM_HIDDEN TcpClientWrapper::State
   void heartbeatLoop(WrapperLink& own);
   void requestLoop(WrapperLink& own);
 
-  std::shared_ptr<WrapperLink> currentLink() const { return link.load(); }
+  bool connected() const { return handle != -1; }
 
-  std::atomic<int> handle{-1};  // changed under linkLock, together with link
+  /// @return the last connection, or one that is over
+  std::shared_ptr<WrapperLink> linkOrEnded() const;
 
  private:
   using Listeners = std::vector<iRecieveListener*>;
@@ -61,15 +62,16 @@ class TCP_COM_HIDDEN TcpClientWrapper::State
   bool onOwnThread() const { return ThreadMark::standsFor(this); }
 
   const std::shared_ptr<ThreadLoop> loop;
+  ValueSlot<std::shared_ptr<WrapperLink>> link;  // the client and its workers
   ValueSlot<std::shared_ptr<const Listeners>> listeners{std::make_shared<const Listeners>()};
-  std::mutex attachLock;  // one attach at a time
   DataQueue<std::string> requestQueue;
   DataQueue<std::string> recievedQueue;
+  std::atomic<int> handle{-1};    // changed under linkLock, together with link
   MessageSplitter receiveBuffer;  // receive step only
 
+  std::mutex attachLock;  // one attach at a time
   std::recursive_mutex connectLock;
   std::mutex linkLock;
-  ValueSlot<std::shared_ptr<WrapperLink>> link;
   RetiredWorkers retired;
   StopSignal destroyed;
 };

@@ -17,7 +17,6 @@ constexpr double kReadSliceMs = 50;  // longest time inside a read without testi
 constexpr double kWorkerPauseMs = 1;
 constexpr double kHeartbeatMs = 1000;
 constexpr double kSilenceMs = 1500;
-constexpr int kNotConnected = -1;
 
 // One for all wrappers of the process: "time out" is logged once in a silent spell of them all.
 std::atomic<bool> timedOut{false};
@@ -27,7 +26,7 @@ std::atomic<bool> timedOut{false};
 void TcpClientWrapper::State::cycle() {
   const ThreadMark mark(this);
   const auto own = link.load();
-  if (handle == kNotConnected || !own) return;
+  if (!connected() || !own) return;
   if (!own->client->waitReadable(kReadSliceMs)) return;
   const std::string text = own->client->recieveMsg();
   if (text.empty()) {

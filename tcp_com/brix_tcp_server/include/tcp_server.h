@@ -37,18 +37,19 @@ class TCP_COM_API TcpServer {
 
   /// Waits for the accept thread, so on a server that was not told to quit() it blocks until
   /// another thread does, on purpose; only at the end of the process it quits by itself. Then waits
-  /// for the listeners that run. On the server's own threads it does not wait. The clients stay
-  /// connected until they send or leave; nothing of this server is called for them any more.
+  /// for the listeners that run, apart from the one that calls this; on the server's own threads
+  /// for nothing else. The clients stay connected until they send or leave; nothing of this server
+  /// is called for them any more.
   ~TcpServer();
 
   TcpServer(const TcpServer&) = delete;
   TcpServer& operator=(const TcpServer&) = delete;
 
-  /// Starts the accept thread. Must not be called again before quit(): it is refused with a log
-  /// line. After quit() it opens the port and closes it again at once, on purpose.
+  /// Starts the accept thread. Must not be called again before quit(), not even if the port could
+  /// not be opened: it is refused with a log line. After quit() it opens the port and closes it
+  /// again at once, on purpose.
   /// @param port  0 lets the kernel choose one. A port that cannot be opened shows in the log and
-  /// in
-  ///   waitUntilListening().
+  ///   in waitUntilListening().
   void createSocket(int port);
 
   /// Appends a listener, which is not owned; null is skipped, a duplicate is called twice. There is

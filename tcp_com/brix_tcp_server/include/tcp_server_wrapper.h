@@ -29,7 +29,8 @@ namespace brix {
 /// A callback may call every operation, among them quit() and the destructor: on the server's own
 /// threads these do not wait for each other. What a handler throws is answered as a failure; what a
 /// broadcast function throws is logged. A process has one connection listener: the wrapper that was
-/// made last hears of clients, an earlier one broadcasts no more.
+/// made last hears of clients. An earlier one hears of no change any more, and goes on broadcasting
+/// or being silent as it was.
 class TCP_COM_API TcpServerWrapper : public iRecieveListener {
  public:
   using ObjectHandler = std::function<Json::Value(const Json::Value& request)>;
@@ -42,7 +43,8 @@ class TCP_COM_API TcpServerWrapper : public iRecieveListener {
 
   /// Joins the broadcast thread, then destroys the server as ~TcpServer: without quit() both block
   /// until another thread calls it, on purpose, except at the end of the process. Returns when no
-  /// handler runs any more; on the server's own threads it does not wait.
+  /// handler runs any more but the one that calls this; inside a callback it waits for nothing
+  /// else.
   ~TcpServerWrapper() override;
 
   TcpServerWrapper(const TcpServerWrapper&) = delete;

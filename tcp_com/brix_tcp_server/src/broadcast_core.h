@@ -83,9 +83,9 @@ class BroadcastCore {
 
   int attachCount_ = 1;  // listenerLock_, as the three below
   std::map<int, SendFunc> listenerMap_;
-  std::vector<Release> releaseList_;
   bool senderEnded_ = false;
   LogMutex listenerLock_;              // held while send functions and connection listener run
+  std::vector<Release> releaseList_;   // listenerLock_
   std::atomic<std::size_t> count_{0};  // of listenerMap_, for those who do not take the lock
   std::atomic<bool> sending_{true};    // until the sender has ended
   StopSignal quit_;

@@ -102,7 +102,7 @@ TcpServer::State::~State() {
 void TcpServer::State::createSocket(int port) {
   std::unique_lock<std::mutex> lock(lifecycleLock, std::defer_lock);
   if (onAcceptThread() || !lock.try_lock() || acceptThread.joinable()) {
-    BRIX_LOG_ERROR("tcp server runs already, port %d not opened", port);
+    BRIX_LOG_ERROR("tcp server was started already, port %d not opened", port);
     return;
   }
   accepting = true;
@@ -143,15 +143,9 @@ void TcpServer::State::attachListener(iRecieveListener* listener) {
   listeners = std::shared_ptr<const Listeners>(std::move(next));
 }
 
-// A number that is none of this server's clients is the caller's business, as it stands.
+// A number that is no client's is the caller's business, as it stands.
 void TcpServer::State::broadcastData(int socket, const std::string& data) {
-  std::shared_ptr<Client> client;
-  {
-    std::lock_guard<std::mutex> lock(clientsLock);
-    const auto entry = clients.find(socket);
-    if (entry != clients.end()) client = entry->second.lock();
-  }
-  if (client) {
+  if (const auto client = findClient(socket)) {
     transmit(client->socket, data);
     return;
   }
@@ -199,10 +193,7 @@ std::shared_ptr<TcpServer::State::Reservation> TcpServer::State::adopt(int socke
   std::shared_ptr<Client> client;
   try {
     client = std::make_shared<Client>(socket);
-    auto reservation = std::make_shared<Reservation>(client);
-    std::lock_guard<std::mutex> lock(clientsLock);
-    clients[socket] = client;
-    return reservation;
+    return std::make_shared<Reservation>(client);
   } catch (...) {
     if (!client) close(socket);
     throw;

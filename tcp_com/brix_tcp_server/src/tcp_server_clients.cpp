@@ -1,6 +1,7 @@
 // The receiving threads of the command server.
 
 #include <cstring>
+#include <map>
 #include <utility>
 
 #include "broadcast_core.h"
@@ -15,7 +16,40 @@ namespace {
 constexpr std::size_t kReadBytes = 8192;
 constexpr int kCountedPerLeave = 2;  // the limit of four loosens as clients come and go
 
+/// The numbers that are reserved for clients of the process. Never destroyed, as their threads may
+/// run until the process is gone.
+struct ReservedNumbers {
+  std::mutex lock;  // innermost
+  std::map<int, std::weak_ptr<void>> clients;
+};
+
+ReservedNumbers& reservedNumbers() {
+  static auto* const numbers = new ReservedNumbers;
+  return *numbers;
+}
+
 }  // namespace
+
+TcpServer::State::Reservation::Reservation(std::shared_ptr<Client> reserved)
+    : client(std::move(reserved)), use(client->socket) {
+  ReservedNumbers& numbers = reservedNumbers();
+  std::lock_guard<std::mutex> guard(numbers.lock);
+  numbers.clients[client->socket.number()] = client;
+}
+
+TcpServer::State::Reservation::~Reservation() {
+  ReservedNumbers& numbers = reservedNumbers();
+  std::lock_guard<std::mutex> guard(numbers.lock);
+  numbers.clients.erase(client->socket.number());
+}
+
+std::shared_ptr<TcpServer::State::Client> TcpServer::State::findClient(int socket) {
+  ReservedNumbers& numbers = reservedNumbers();
+  std::lock_guard<std::mutex> guard(numbers.lock);
+  const auto entry = numbers.clients.find(socket);
+  if (entry == numbers.clients.end()) return nullptr;
+  return std::static_pointer_cast<Client>(entry->second.lock());
+}
 
 void TcpServer::State::serve(std::shared_ptr<Reservation> reservation) {
   Client& client = *reservation->client;
@@ -71,10 +105,6 @@ void TcpServer::State::endClient(std::shared_ptr<Reservation> reservation, Endin
   }
   client->socket.end();
   { std::lock_guard<std::mutex> registered(client->registering); }
-  {
-    std::lock_guard<std::mutex> lock(clientsLock);
-    clients.erase(number);
-  }
   BroadcastCore& broadcaster = BroadcastCore::started();
   broadcaster.detach(number, std::move(reservation));
   if (ending == Ending::RecvError) {

@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 
 #include <atomic>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -24,7 +23,7 @@ namespace brix {
 /// What the server shares with its threads. The receiving threads are detached and outlive it.
 ///
 /// Lock order: lifecycleLock; a client's registering; the broadcaster's listener lock; then the
-/// innermost ones: bufferLock, clientsLock, the own locks of gate, slots, sockets and signals.
+/// innermost ones: bufferLock, the own locks of gate, slots, sockets and signals.
 struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   ~State();
 
@@ -37,11 +36,14 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
 
   /// Keeps a client's number from being given out again, also after its end.
   struct Reservation {
-    explicit Reservation(std::shared_ptr<Client> reserved)
-        : client(std::move(reserved)), use(client->socket) {}
+    explicit Reservation(std::shared_ptr<Client> reserved);
+    ~Reservation();
     const std::shared_ptr<Client> client;
     const SocketOwner::Use use;
   };
+
+  /// @return the client of any server of the process whose number this is; null if it is none's
+  static std::shared_ptr<Client> findClient(int socket);
 
   enum class Ending { RecvError, PeerClosed, QuitCommand, Exit, Quit };
 
@@ -57,7 +59,7 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   void acceptOne(int port);
   void admit(const std::shared_ptr<Reservation>& reservation, const sockaddr_in& peer);
 
-  std::shared_ptr<Reservation> adopt(int socket);
+  static std::shared_ptr<Reservation> adopt(int socket);
   void serve(std::shared_ptr<Reservation> reservation);
   Ending receive(Client& client);
   void takeChunk(const char* text, std::size_t size);
@@ -67,8 +69,8 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   bool onAcceptThread() const { return ThreadMark::standsFor(&acceptThread); }
   bool insideListener() const { return ThreadMark::standsFor(&gate); }
 
-  StopSignal quit;
   ListenSocket listening{quit};
+  StopSignal quit;
   std::atomic<int> connectionCount{0};
   MessageSplitter reassembly;  // bufferLock; one for all clients
   std::mutex bufferLock;
@@ -79,8 +81,6 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   std::atomic<bool> accepting{false};  // until the accept thread has ended
   std::mutex attachLock;               // one attach at a time
   DeliveryGate gate;
-  std::mutex clientsLock;
-  std::map<int, std::weak_ptr<Client>> clients;  // clientsLock
 };
 
 }  // namespace brix

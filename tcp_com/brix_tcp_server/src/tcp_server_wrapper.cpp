@@ -156,7 +156,7 @@ void TcpServerWrapper::State::registerBroadcastFunc(std::function<Json::Value()>
   BRIX_LOG_INFO("register tcp broadcast callback, broadcast rate %d ms", rateMs);
   broadcastThread.start(
       [state = shared_from_this()](StopSignal& run) { state->broadcastLoop(run); },
-      quit.requested());
+      [this] { return quit.requested(); });
 }
 
 void TcpServerWrapper::setBroadcastRate(int rateMs) {
@@ -291,8 +291,8 @@ void TcpServerWrapper::State::connectionNotify(bool value) {
 
 void TcpServerWrapper::broadcastAutomaticThreadFunc() {
   const auto state = state_;
-  const ThreadMark mark(&state->broadcastThread);
-  if (const auto run = state->broadcastThread.run()) state->broadcastLoop(*run);
+  state->broadcastThread.runHere([&](StopSignal& run) { state->broadcastLoop(run); },
+                                 [&] { return state->quit.requested(); });
 }
 
 void TcpServerWrapper::State::broadcastLoop(StopSignal& run) {
