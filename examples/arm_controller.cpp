@@ -1,84 +1,137 @@
-// A simulated six-axis arm behind a communication server.
+// A simulated six-axis arm behind a communication server and a command server.
 
 #include <CLI/CLI.hpp>
-#include <exception>
 #include <iostream>
 #include <memory>
 #include <string>
 
 #include "arm_simulation.h"
+#include "brix_json.h"
 #include "brix_tcp_server.h"
 #include "command_handler.h"
 #include "communication_server.h"
-#include "log_lines.h"
-#include "signals.h"
+#include "run_main.h"
+#include "state_broadcast.h"
+#include "tcp_server_wrapper.h"
 
 namespace {
 
+constexpr char kName[] = "arm_controller";
 constexpr double kListenTimeoutMs = 5000.0;
 
 struct Options {
   int port = 8055;
+  int commandPort = 8056;
   int broadcastMs = 10;
-  bool verbose = false;
 };
 
 void describe(CLI::App& app, Options& options) {
-  app.add_option("--port", options.port, "TCP port to listen on; 0 lets the kernel choose")
+  app.add_option("--port", options.port, "TCP port of the state family; 0 lets the kernel choose")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+  app.add_option("--command-port", options.commandPort,
+                 "TCP port of the command family; 0 lets the kernel choose")
       ->check(CLI::Range(0, 65535))
       ->capture_default_str();
   app.add_option("--broadcast-ms", options.broadcastMs,
                  "period of the state broadcasts in milliseconds")
       ->check(CLI::Range(1, 500))
       ->capture_default_str();
-  app.add_flag("--verbose", options.verbose, "show all log lines of the library");
+}
+
+/// The state family: requests and states as texts.
+class StateService {
+ public:
+  StateService(const arm::ArmSimulation& simulation, const arm::CommandHandler& commands,
+               int broadcastMs)
+      : states_(simulation) {
+    server_.setServerHandle(transport_);
+    server_.registerRawDataBroadcastFunc(
+        [&commands](const std::string& request) { return commands.answer(request); });
+    server_.registerBroadcastFunc(
+        [this] {
+          return brix_json::toStrWithoutIndentation(states_.next(), brix_json::kPrecision);
+        },
+        broadcastMs);
+  }
+
+  bool listen(int port) {
+    server_.initialize(port);
+    return transport_->waitUntilListening(kListenTimeoutMs);
+  }
+
+  int port() const { return transport_->listeningPort(); }
+
+ private:
+  arm::StateBroadcast states_;
+  std::shared_ptr<brix::BrixTcpServer> transport_ = std::make_shared<brix::BrixTcpServer>();
+  brix::CommunicationServer server_;  // last: its callbacks use what stands above
+};
+
+/// The command family: the same requests and states as JSON values.
+class CommandService {
+ public:
+  CommandService(const arm::ArmSimulation& simulation, const arm::CommandHandler& commands,
+                 int broadcastMs)
+      : states_(simulation), server_(-1) {
+    auto handlers = commands.handlers();
+    server_.setHandleMap(handlers);
+    server_.registerBroadcastFunc([this] { return states_.next(); }, broadcastMs);
+  }
+
+  // Without it the server's destructor would wait for somebody else to end the broadcasts.
+  ~CommandService() { server_.quit(); }
+
+  bool listen(int port) {
+    server_.init(port);
+    return server_.waitUntilListening(kListenTimeoutMs);
+  }
+
+  int port() const { return server_.listeningPort(); }
+
+ private:
+  arm::StateBroadcast states_;
+  brix::TcpServerWrapper server_;  // last: its callbacks use what stands above
+};
+
+/// @return whether the service listens; says so, for scripts to read
+template <typename Service>
+bool listen(Service& service, const char* family, int port) {
+  if (!service.listen(port)) {
+    std::cerr << kName << ": cannot listen on port " << port
+              << ": it is in use, or not allowed for this user" << std::endl;
+    return false;
+  }
+  std::cout << kName << ": " << family << " family listens on port " << service.port() << std::endl;
+  return true;
 }
 
 int serve(const Options& options, const arm::SignalWatch& signals) {
   arm::ArmSimulation simulation;
   arm::CommandHandler commands(simulation);
-  const auto transport = std::make_shared<brix::BrixTcpServer>();
-  brix::CommunicationServer server;  // last: its callbacks use what stands above
-  server.setServerHandle(transport);
-  server.registerRawDataBroadcastFunc(
-      [&commands](const std::string& request) { return commands.answer(request); });
-  server.registerBroadcastFunc([&commands] { return commands.stateBroadcast(); },
-                               options.broadcastMs);
-
-  simulation.run();
-  server.initialize(options.port);
-  if (!transport->waitUntilListening(kListenTimeoutMs)) {
-    std::cerr << "arm_controller: cannot listen on port " << options.port
-              << ": it is in use, or not allowed for this user" << std::endl;
-    return 1;
+  {
+    StateService states(simulation, commands, options.broadcastMs);
+    CommandService command(simulation, commands, options.broadcastMs);
+    simulation.run();
+    if (!listen(states, "state", options.port)) return 1;
+    if (!listen(command, "command", options.commandPort)) return 1;
+    signals.wait();
   }
-  std::cout << "arm_controller: listening on port " << transport->listeningPort() << std::endl;
-
-  signals.wait();
-  server.terminate();
-  simulation.halt();
-  std::cout << "arm_controller: ended" << std::endl;
+  std::cout << kName << ": ended" << std::endl;
   return 0;
-}
-
-int start(int argc, char** argv) {
-  CLI::App app{"Simulated six-axis arm: answers requests and broadcasts its state over TCP."};
-  Options options;
-  describe(app, options);
-  CLI11_PARSE(app, argc, argv);
-
-  arm::showLogLines(options.verbose ? arm::LogShow::All : arm::LogShow::Errors);
-  const arm::SignalWatch signals;
-  return serve(options, signals);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return start(argc, argv);
-  } catch (const std::exception& error) {
-    std::cerr << "arm_controller: " << error.what() << std::endl;
-    return 1;
-  }
+  Options options;
+  return arm::runMain(
+      argc, argv,
+      {kName,
+       "Simulated six-axis arm: answers requests and broadcasts its state over TCP, "
+       "for two families of clients.",
+       [&options](CLI::App& app) { describe(app, options); },
+       [&options](const arm::SignalWatch& signals, bool /*verbose*/) {
+         return serve(options, signals);
+       }});
 }

@@ -11,14 +11,11 @@
 
 namespace arm {
 
-// Clients compare these texts letter for letter, so their spelling is fixed.
-inline constexpr char kMsgReceived[] = "command recieved";
-inline constexpr char kMsgParseError[] = "command parse error";
-inline constexpr char kMsgNoHandler[] = "cannot found command handle";
-inline constexpr char kUnknownEcho[] = "unknow";
+/// The request's name, which its reply repeats.
+inline constexpr char kIdKey[] = "id";
 
-inline constexpr int kCodeHandled = 1;
-inline constexpr int kCodeRejected = -2;
+/// The reason why a command is not carried out, in what its handler returns.
+inline constexpr char kRefusedKey[] = "refused";
 
 /// Value of the member "broadcast" that marks a periodic message.
 inline constexpr char kStateBroadcast[] = "state";

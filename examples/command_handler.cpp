@@ -2,71 +2,80 @@
 
 #include "arm_messages.h"
 #include "brix_json.h"
+#include "command_envelope.h"
 
 namespace arm {
 
+namespace envelope = brix::envelope;
+
 namespace {
 
-Json::Value rejection(const char* msg) {
-  Json::Value reply(Json::objectValue);
-  reply["code"] = kCodeRejected;
-  reply["msg"] = msg;
-  return reply;
+void checkId(const Json::Value& request) {
+  if (!request.isMember(kIdKey)) return;
+  const Json::Value& id = request[kIdKey];
+  if (!id.isString() && !id.isIntegral()) throw Refused("id must be a string or an integer");
 }
 
-void checkId(const Json::Value& request) {
-  if (!request.isMember("id")) return;
-  const Json::Value& id = request["id"];
-  if (!id.isString() && !id.isIntegral()) throw Refused("id must be a string or an integer");
+// Without these nobody could tell whose reply it is.
+void echo(const Json::Value& request, Json::Value& reply) {
+  reply[envelope::kCommandKey] = request[envelope::kCommandKey].asString();
+  if (request.isMember(kIdKey)) reply[kIdKey] = request[kIdKey];
 }
 
 }  // namespace
 
-CommandHandler::CommandHandler(ArmSimulation& arm)
-    : arm_(arm),
-      handlers_{
-          {"heartbeat", [](const Json::Value&) { return Json::Value(Json::objectValue); }},
-          {"get_state", [this](const Json::Value&) { return getState(); }},
-          {"move_joints", [this](const Json::Value& request) { return moveJoints(request); }},
-          {"stop", [this](const Json::Value&) { return stop(); }},
-      } {}
+CommandHandler::CommandHandler(ArmSimulation& arm) : arm_(arm) {
+  add(envelope::kHeartbeatCommand,
+      [](const Json::Value&) { return Json::Value(Json::objectValue); });
+  add("get_state", [this](const Json::Value&) { return getState(); });
+  add("move_joints", [this](const Json::Value& request) { return moveJoints(request); });
+  add("stop", [this](const Json::Value&) { return stop(); });
+}
 
-std::string CommandHandler::answer(const std::string& request) {
-  const Json::Value parsed = parseMessage(request);
+void CommandHandler::add(const std::string& command, const Handler& carryOut) {
+  handlers_[command] = [carryOut](const Json::Value& request) {
+    Json::Value result(Json::objectValue);
+    try {
+      checkId(request);
+      result = carryOut(request);
+    } catch (const Refused& refused) {
+      result[kRefusedKey] = refused.what();
+    }
+    echo(request, result);
+    return result;
+  };
+}
+
+std::string CommandHandler::answer(const std::string& request) const {
   Json::Value result;
   try {
-    result = reply(parsed);
-  } catch (const Json::Exception&) {  // a "command" that has no text form
-    result = rejection(kMsgParseError);
-    result["command"] = kUnknownEcho;
+    result = reply(parseMessage(request));
+  } catch (const Json::Exception&) {  // not an object, or a "command" that has no text form
+    result[envelope::kCommandKey] = envelope::kUnknownCommand;
+    envelope::markRejected(result, envelope::kMsgParseError);
   }
   return brix_json::toStrWithoutIndentation(result, brix_json::kPrecision);
 }
 
-Json::Value CommandHandler::reply(const Json::Value& request) {
-  if (request.isNull()) return rejection(kMsgParseError);
-  if (!request.isObject()) throw Json::LogicError("the request is not an object");
-  if (!request.isMember("command")) return rejection(kMsgParseError);
-
-  const std::string command = request["command"].asString();
-  Json::Value result;
-  try {
-    checkId(request);
-    result = handle(command, request);
-  } catch (const Refused& refused) {
-    result = rejection(refused.what());
+Json::Value CommandHandler::reply(const Json::Value& request) const {
+  Json::Value result(Json::objectValue);
+  if (request.isNull() || !request.isMember(envelope::kCommandKey)) {
+    envelope::markRejected(result, envelope::kMsgParseError);
+    return result;
   }
-  result["command"] = command;
-  if (request.isMember("id")) result["id"] = request["id"];
-  return result;
-}
-
-Json::Value CommandHandler::handle(const std::string& command, const Json::Value& request) {
-  const auto entry = handlers_.find(command);
-  if (entry == handlers_.end()) return rejection(kMsgNoHandler);
-  Json::Value result = entry->second(request);
-  result["code"] = kCodeHandled;
-  result["msg"] = kMsgReceived;
+  const auto handler = handlers_.find(request[envelope::kCommandKey].asString());
+  if (handler == handlers_.end()) {
+    echo(request, result);
+    envelope::markRejected(result, envelope::kMsgNoHandler);
+    return result;
+  }
+  result = handler->second(request);
+  Json::Value reason;
+  if (result.removeMember(kRefusedKey, &reason)) {
+    envelope::markRejected(result, reason.asCString());
+  } else {
+    envelope::markHandled(result);
+  }
   return result;
 }
 
@@ -93,13 +102,6 @@ Json::Value CommandHandler::getState() {
   Json::Value result(Json::objectValue);
   result["state"] = toJson(arm_.snapshot());
   return result;
-}
-
-std::string CommandHandler::stateBroadcast() {
-  Json::Value message = toJson(arm_.snapshot());
-  message["broadcast"] = kStateBroadcast;
-  message["seq"] = Json::UInt64(++broadcasts_);
-  return brix_json::toStrWithoutIndentation(message, brix_json::kPrecision);
 }
 
 }  // namespace arm

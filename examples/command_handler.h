@@ -4,8 +4,6 @@
 
 #include <json/json.h>
 
-#include <atomic>
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
@@ -14,7 +12,7 @@
 
 namespace arm {
 
-/// Answers requests to the arm and writes its state broadcasts.
+/// Carries out requests to the arm, for both families.
 ///
 /// Commands: heartbeat; get_state; stop; move_joints with "joints_deg" (six numbers) and, if
 /// wanted, "speed_scale" (0.01 to 1). Replies reach all clients, so a request may carry an "id", a
@@ -23,27 +21,32 @@ namespace arm {
 /// Called from: any thread. It calls nothing back.
 class CommandHandler {
  public:
+  using Handler = std::function<Json::Value(const Json::Value& request)>;
+  using HandlerMap = std::map<std::string, Handler>;
+
   /// @param arm  not owned; outlives the handler
   explicit CommandHandler(ArmSimulation& arm);
+  CommandHandler(const CommandHandler&) = delete;
+  CommandHandler& operator=(const CommandHandler&) = delete;
 
+  /// For the command server, which turns each object into a handled reply. A refused command is
+  /// therefore told by "refused", the reason; an exception would be answered without reason and id.
+  /// @return the handlers by their commands; they use this object
+  HandlerMap handlers() const { return handlers_; }
+
+  /// For the communication server.
   /// @return the reply to one request, as JSON text; a rejected one has code -2 and says why
-  std::string answer(const std::string& request);
-
-  /// @return the next state broadcast, as JSON text
-  std::string stateBroadcast();
+  std::string answer(const std::string& request) const;
 
  private:
-  using Handler = std::function<Json::Value(const Json::Value& request)>;
-
-  Json::Value reply(const Json::Value& request);
-  Json::Value handle(const std::string& command, const Json::Value& request);
+  void add(const std::string& command, const Handler& carryOut);
+  Json::Value reply(const Json::Value& request) const;
   Json::Value moveJoints(const Json::Value& request);
   Json::Value stop();
   Json::Value getState();
 
   ArmSimulation& arm_;
-  std::map<std::string, Handler> handlers_;  // fixed after construction
-  std::atomic<std::uint64_t> broadcasts_{0};
+  HandlerMap handlers_;  // fixed after construction
 };
 
 }  // namespace arm

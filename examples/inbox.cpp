@@ -1,13 +1,23 @@
 #include "inbox.h"
 
 #include "arm_messages.h"
+#include "command_envelope.h"
 
 namespace arm {
+
+namespace envelope = brix::envelope;
 
 namespace {
 
 double msBetween(Clock::time_point from, Clock::time_point to) {
   return std::chrono::duration<double, std::milli>(to - from).count();
+}
+
+// Says the same to every client that asked, so it does not matter whose reply it is.
+bool answersAnybody(const Json::Value& reply) {
+  if (reply.isMember(kIdKey)) return false;
+  return reply[envelope::kCommandKey] == envelope::kHeartbeatCommand ||
+         reply[envelope::kMsgKey] == envelope::kMsgNoHandler;
 }
 
 }  // namespace
@@ -33,20 +43,25 @@ void Inbox::takeBroadcast(const Json::Value& message, Clock::time_point now) {
   if (!state || !message["seq"].isUInt64()) return;
   const std::uint64_t seq = message["seq"].asUInt64();
   if (lastBroadcast_) {
-    broadcasts_.periodMs.add(msBetween(*lastBroadcast_, now));
-    if (seq > lastSeq_ + 1) broadcasts_.missingBroadcasts += seq - lastSeq_ - 1;
+    periodMs_.add(msBetween(*lastBroadcast_, now));
+    if (seq > broadcasts_.last + 1) broadcasts_.missing += seq - broadcasts_.last - 1;
+  } else {
+    broadcasts_.first = seq;
   }
-  ++broadcasts_.broadcasts;
+  ++broadcasts_.received;
+  broadcasts_.last = seq;
   state_ = state;
-  lastSeq_ = seq;
   lastBroadcast_ = now;
 }
 
 void Inbox::takeReply(const Json::Value& message, Clock::time_point now) {
-  if (expectedId_.empty() || message["id"] != expectedId_) return;
-  if (message["command"] != expectedCommand_ || !message["code"].isInt()) return;
-  const std::string msg = message["msg"].isString() ? message["msg"].asString() : "";
-  reply_ = Reply{message["code"].asInt(), msg, message, now};
+  const Json::Value& code = message[envelope::kCodeKey];
+  if (reply_ || message[envelope::kCommandKey] != expectedCommand_ || !code.isInt()) return;
+  if (message[kIdKey] != expectedId_ && !answersAnybody(message)) return;
+  const Json::Value& refused = message[kRefusedKey];
+  const Json::Value& msg = refused.isString() ? refused : message[envelope::kMsgKey];
+  reply_ = Reply{refused.isString() ? envelope::kCodeRejected : code.asInt(),
+                 msg.isString() ? msg.asString() : "", message, now};
 }
 
 void Inbox::expectReply(const std::string& command, const std::string& id) {
@@ -77,11 +92,15 @@ std::optional<Clock::time_point> Inbox::lastHeard() const {
   return lastHeard_;
 }
 
+BroadcastCount Inbox::broadcasts() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return broadcasts_;
+}
+
 void Inbox::addTo(Report& report) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  report.broadcasts = broadcasts_.broadcasts;
-  report.missingBroadcasts = broadcasts_.missingBroadcasts;
-  report.periodMs = broadcasts_.periodMs;
+  report.broadcasts = broadcasts_;
+  report.periodMs = periodMs_;
 }
 
 }  // namespace arm

@@ -19,7 +19,8 @@ namespace arm {
 
 using Clock = std::chrono::steady_clock;
 
-/// A reply and when it came.
+/// A reply and when it came. A refused command shows alike in both families: code -2, and the
+/// reason as msg.
 struct Reply {
   int code = 0;
   std::string msg;
@@ -28,15 +29,17 @@ struct Reply {
 };
 
 /// Sorts the controller's messages: keeps the latest state and the one reply that is waited for.
-/// Replies to other clients and to heartbeats are dropped.
+/// Replies to other clients and to heartbeats that nobody asked for are dropped.
 ///
-/// Called from: the client's broadcast thread (`onReceive`, which only stores) and one thread that
+/// Called from: the link's thread (`onReceive`, which only stores) and one thread that
 /// waits (all else).
 class Inbox : public brix::iRecieveListener {
  public:
   void onReceive(const std::string& msg) override;
 
-  /// Drops an earlier reply; from now on the one to this command with this id is kept.
+  /// Drops an earlier reply; from now on the one to this command with this id is kept, or one that
+  /// answers anybody: to a heartbeat, or to a command that the controller does not know, the
+  /// command server replies without an id.
   void expectReply(const std::string& command, const std::string& id);
 
   /// Waits until a message has come since the last call, at most `limit`.
@@ -50,6 +53,9 @@ class Inbox : public brix::iRecieveListener {
 
   /// @return when the last message came, if any has come
   std::optional<Clock::time_point> lastHeard() const;
+
+  /// @return the broadcasts up to now
+  BroadcastCount broadcasts() const;
 
   /// Adds what was heard of broadcasts.
   void addTo(Report& report) const;
@@ -65,8 +71,8 @@ class Inbox : public brix::iRecieveListener {
 
   std::optional<Snapshot> state_;
   std::optional<Clock::time_point> lastBroadcast_;
-  std::uint64_t lastSeq_ = 0;
-  Report broadcasts_;
+  BroadcastCount broadcasts_;
+  Samples periodMs_;
 
   std::string expectedCommand_;
   std::string expectedId_;

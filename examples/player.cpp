@@ -7,8 +7,11 @@
 #include <sstream>
 
 #include "arm_messages.h"
+#include "command_envelope.h"
 
 namespace arm {
+
+namespace envelope = brix::envelope;
 
 namespace {
 
@@ -49,8 +52,8 @@ std::string deviation(const Snapshot& state, const JointVector& poseDeg) {
 
 }  // namespace
 
-Player::Player(brix::CommunicationClient& client, Inbox& inbox, const SignalWatch& signals)
-    : client_(client),
+Player::Player(Link& link, Inbox& inbox, const SignalWatch& signals)
+    : link_(link),
       inbox_(inbox),
       signals_(signals),
       startedAt_(Clock::now()),
@@ -76,10 +79,10 @@ std::string Player::playStep(const ProgramStep& step) {
   const bool wasUnderWay = underWay_;
   if (step.targetDeg) underWay_ = true;  // until we know better, also if no reply comes
   const Reply reply = ask(step.request, kReplyLimit);
-  if (reply.code != kCodeHandled) underWay_ = wasUnderWay;
+  if (reply.code != envelope::kCodeHandled) underWay_ = wasUnderWay;
   checkReply(step, reply);
   std::string result = "code " + std::to_string(reply.code) + ", " + reply.msg;
-  if (reply.code != kCodeHandled) return result;
+  if (reply.code != envelope::kCodeHandled) return result;
   if (step.command != "move_joints" && step.command != "stop") return result;
 
   setGoal(step.targetDeg, reply);
@@ -91,10 +94,10 @@ std::string Player::playStep(const ProgramStep& step) {
 Reply Player::ask(const Json::Value& request, milliseconds limit) {
   Json::Value message = request;
   const std::string id = session_ + "-" + std::to_string(report_.requests + 1);
-  message["id"] = id;
-  inbox_.expectReply(request["command"].asString(), id);
+  message[kIdKey] = id;
+  inbox_.expectReply(request[envelope::kCommandKey].asString(), id);
   const auto sentAt = Clock::now();
-  if (client_.sendRequest(message) != 1) throw PlayError("connection lost: nothing can be sent");
+  if (!link_.send(message)) throw PlayError("connection lost: nothing can be sent");
   ++report_.requests;
   if (!waitUntil([this] { return inbox_.reply().has_value(); }, limit)) {
     throw PlayError("no reply within " + seconds(limit));
@@ -153,7 +156,7 @@ void Player::checkEnd() const {
   const auto heard = inbox_.lastHeard();
   const bool silent =
       Clock::now() - std::max(startedAt_, heard.value_or(startedAt_)) > kSilenceLimit;
-  if (client_.isConnected() && !silent) return;
+  if (link_.isConnected() && !silent) return;
   if (!heard) throw PlayError("nothing received: no arm controller answers there");
   throw PlayError("connection lost: nothing received any more");
 }
@@ -171,9 +174,9 @@ bool Player::waitUntil(Predicate done, milliseconds limit) const {
 }
 
 void Player::haltArm() {
-  if (!underWay_ || !client_.isConnected()) return;
+  if (!underWay_ || !link_.isConnected()) return;
   Json::Value request(Json::objectValue);
-  request["command"] = "stop";
+  request[envelope::kCommandKey] = "stop";
   try {
     const Reply reply = ask(request, kHaltLimit);
     setGoal(std::nullopt, reply);

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "communication_client.h"
 #include "inbox.h"
+#include "link.h"
 #include "program.h"
 #include "progress.h"
 #include "signals.h"
@@ -33,11 +33,11 @@ struct Interrupted {
 
 /// Sends a program's requests one after the other, and waits for each reply and for the arm.
 ///
-/// All operations on one thread; the client is connected, the inbox attached to it.
+/// All operations on one thread; the inbox is the one that the link was made with.
 class Player {
  public:
   /// Keeps the references.
-  Player(brix::CommunicationClient& client, Inbox& inbox, const SignalWatch& signals);
+  Player(Link& link, Inbox& inbox, const SignalWatch& signals);
 
   /// Plays all steps; returns when the arm stands at the last pose of the program.
   /// @throws PlayError, Interrupted  at the first failure
@@ -68,7 +68,7 @@ class Player {
   template <typename Predicate>
   bool waitUntil(Predicate done, std::chrono::milliseconds limit) const;
 
-  brix::CommunicationClient& client_;
+  Link& link_;
   Inbox& inbox_;
   const SignalWatch& signals_;
   Clock::time_point startedAt_;

@@ -8,8 +8,11 @@
 #include <system_error>
 
 #include "arm_messages.h"
+#include "command_envelope.h"
 
 namespace arm {
+
+namespace envelope = brix::envelope;
 
 namespace {
 
@@ -52,12 +55,13 @@ Json::Value takeMember(Json::Value& object, const char* name) {
 void readExpectation(const Json::Value& expect, ProgramStep& step) {
   if (expect.isNull()) return;
   if (!expect.isObject()) throw ProgramError("\"expect\" must be an object");
-  const Json::Value code = expect.get("code", kCodeHandled);
+  const Json::Value code = expect.get(envelope::kCodeKey, envelope::kCodeHandled);
   if (!code.isInt()) throw ProgramError("\"expect\": \"code\" must be an integer");
   step.expectedCode = code.asInt();
-  if (!expect.isMember("msg")) return;
-  if (!expect["msg"].isString()) throw ProgramError("\"expect\": \"msg\" must be a string");
-  step.expectedMsg = expect["msg"].asString();
+  if (!expect.isMember(envelope::kMsgKey)) return;
+  if (!expect[envelope::kMsgKey].isString())
+    throw ProgramError("\"expect\": \"msg\" must be a string");
+  step.expectedMsg = expect[envelope::kMsgKey].asString();
 }
 
 void readOwnMembers(Json::Value& object, ProgramStep& step) {
@@ -77,12 +81,12 @@ void readOwnMembers(Json::Value& object, ProgramStep& step) {
 ProgramStep parseStep(const std::string& text) {
   Json::Value object = parseStrictly(text);
   if (!object.isObject()) throw ProgramError("not a JSON object");
-  if (!object["command"].isString()) throw ProgramError("no string \"command\"");
-  if (object.isMember("id")) throw ProgramError("\"id\" is set by the operator");
+  if (!object[envelope::kCommandKey].isString()) throw ProgramError("no string \"command\"");
+  if (object.isMember(kIdKey)) throw ProgramError("\"id\" is set by the operator");
 
   ProgramStep step;
   readOwnMembers(object, step);
-  step.command = object["command"].asString();
+  step.command = object[envelope::kCommandKey].asString();
   if (step.command == "move_joints") {
     step.targetDeg = jointsFromJson(object["joints_deg"]);
     if (!step.targetDeg) throw ProgramError("\"joints_deg\" must be an array of 6 numbers");

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "arm_model.h"
+#include "command_envelope.h"
 
 namespace arm {
 
@@ -26,7 +27,7 @@ struct ProgramStep {
   std::size_t line = 0;
   std::string command;
   Json::Value request;  ///< what is sent: the line without the operator's own members
-  int expectedCode = 1;
+  int expectedCode = brix::envelope::kCodeHandled;
   std::optional<std::string> expectedMsg;
   std::optional<JointVector> targetDeg;  ///< of move_joints
   bool waitForArrival = true;

@@ -40,14 +40,21 @@ double Samples::percentile(double share) const {
   return sorted[static_cast<std::size_t>(std::max(rank, 1.0)) - 1];
 }
 
+std::string formatLine(const BroadcastCount& count) {
+  std::ostringstream line;
+  line << "broadcasts: first " << count.first << ", last " << count.last << ", received "
+       << count.received << ", missing " << count.missing;
+  return line.str();
+}
+
 std::string formatTable(const Report& report) {
   std::ostringstream table;
   table << std::fixed << std::setprecision(2);
   countRow(table, "requests", report.requests);
   countRow(table, "replies", report.replies);
   countRow(table, "wrong replies", report.wrongReplies);
-  countRow(table, "broadcasts received", report.broadcasts);
-  countRow(table, "broadcasts missing", report.missingBroadcasts);
+  countRow(table, "broadcasts received", report.broadcasts.received);
+  countRow(table, "broadcasts missing", report.broadcasts.missing);
   table << std::setw(kNameWidth) << "" << std::right << std::setw(kValueWidth) << "median"
         << std::setw(kValueWidth) << "99 %" << std::setw(kValueWidth) << "max" << '\n';
   sampleRow(table, "broadcast period, ms", report.periodMs);

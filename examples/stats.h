@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -22,12 +23,22 @@ class Samples {
   std::vector<double> values_;
 };
 
+/// The numbered broadcasts that came.
+struct BroadcastCount {
+  std::uint64_t first = 0;  ///< number of the first one; 0 if none came
+  std::uint64_t last = 0;
+  std::size_t received = 0;
+  std::size_t missing = 0;  ///< numbers that were left out between first and last
+};
+
+/// @return one line that scripts can read: "broadcasts: first 3, last 9, received 5, missing 2"
+std::string formatLine(const BroadcastCount& count);
+
 struct Report {
   std::size_t requests = 0;
   std::size_t replies = 0;
   std::size_t wrongReplies = 0;
-  std::size_t broadcasts = 0;
-  std::size_t missingBroadcasts = 0;
+  BroadcastCount broadcasts;
   Samples periodMs;   ///< between two broadcasts
   Samples latencyMs;  ///< from a request to its reply
 };

@@ -9,7 +9,10 @@
 #include "arm_model.h"
 #include "arm_simulation.h"
 #include "command_handler.h"
+#include "player.h"
 #include "program.h"
+#include "state_broadcast.h"
+#include "tcp_server_wrapper.h"
 
 namespace {
 
@@ -40,11 +43,9 @@ TEST(ArmModel, RandomMotionsKeepTheLimitsAndArrive) {
         ASSERT_LE(std::abs(speed - before.speedsDegS[i]), limits.accelDegS2 * kStepS * 1.01);
       }
     }
+    const arm::JointVector& goal = stopped ? model.state().targetDeg : target;
     for (std::size_t i = 0; i < arm::kJointCount; ++i) {
-      EXPECT_NEAR(model.state().jointsDeg[i], model.state().targetDeg[i], 1e-9);
-      if (!stopped) {
-        EXPECT_NEAR(model.state().jointsDeg[i], target[i], 1e-9);
-      }
+      EXPECT_NEAR(model.state().jointsDeg[i], goal[i], 1e-9);
     }
     if (!stopped) {
       EXPECT_NEAR(steps * kStepS, plannedS, 0.003);
@@ -52,38 +53,83 @@ TEST(ArmModel, RandomMotionsKeepTheLimitsAndArrive) {
   }
 }
 
-TEST(CommandHandler, AnswersInTheEnvelope) {
+/// A controller without network: one family's code answers at once, behind replies to others.
+struct Loopback : arm::Link {
+  explicit Loopback(bool ofCommands) : commandFamily(ofCommands) {
+    auto handlers = commands.handlers();
+    server.setHandleMap(handlers);
+  }
+  std::string answer(const std::string& request) {
+    return commandFamily ? server.commandHandle(request) : commands.answer(request);
+  }
+  bool send(const Json::Value& request) override {
+    inbox.onReceive(R"({"code":7,"command":"get_state"})");
+    inbox.onReceive(R"({"code":7,"command":"heartbeat","id":"theirs"})");
+    inbox.onReceive(answer(request.toStyledString()));
+    return connected;
+  }
+  bool isConnected() override { return true; }
+  bool commandFamily, connected = true;
+  arm::Inbox inbox;
   arm::ArmSimulation simulation;
-  arm::CommandHandler handler(simulation);
+  arm::CommandHandler commands{simulation};
+  brix::TcpServerWrapper server{-1};
+};
+
+TEST(CommandHandler, AnswersBothFamilies) {
+  const std::string move = R"({"command":"move_joints","id":"a","joints_deg":)";
   const struct {
-    std::string request;
-    int code;
-    std::string part;
+    std::string request, state;
+    std::string command = "";  // where the command family's reply differs
   } rows[] = {
-      {R"({"command":"heartbeat"})", 1, R"("command":"heartbeat","msg":"command recieved")"},
-      {R"({"command":"get_state","id":7})", 1, R"("id":7)"},
-      {R"({"command":"dance"})", -2, R"("command":"dance","msg":"cannot found command handle")"},
-      {R"({"cmd":"x"})", -2, R"("msg":"command parse error")"},
-      {"[1,2]", -2, R"("command":"unknow","msg":"command parse error")"},
-      {"nonsense", -2, R"("msg":"command parse error")"},
-      {std::string(100000, '['), -2, R"("msg":"command parse error")"},
-      {R"({"command":"move_joints","joints_deg":[0,0,999,0,0,0]})", -2, "joint 3"},
-      {R"({"command":"move_joints","joints_deg":[0,0]})", -2, "joints_deg"},
-      {R"({"command":"move_joints","joints_deg":[0,0,90,0,0,0],"speed_scale":2})", -2,
-       "speed_scale"},
-      {R"({"command":"move_joints","joints_deg":[0,0,90,0,0,0]})", 1, "command recieved"},
+      {R"({"command":"get_state","id":7})", R"({"code":1,"command":"get_state","id":7,"msg":"co)"},
+      {R"({"command":"dance"})", R"("command":"dance","msg":"cannot found command handle"})"},
+      {R"({"cmd":"x"})", R"({"code":-2,"msg":"command parse error"})"},
+      {"[1,2]", R"({"code":-2,"command":"unknow","msg":"command parse error"})"},
+      {std::string(100000, '['), R"({"code":-2,"msg":"command parse error"})"},
+      {move + "[0,0,999,0,0,0]}", R"({"code":-2,"command":"move_joints","id":"a","msg":"joint 3)",
+       R"("command":"move_joints","id":"a","msg":"command recieved","refused":"joint 3)"},
+      {move + "[0,0]}", R"("msg":"joints_deg)", R"("refused":"joints_deg)"},
+      {move + "[0,0,9,0,0,0],\"speed_scale\":2}", R"("msg":"speed)", R"("refused":"speed)"},
+      {R"({"command":"stop","id":[]})", R"("msg":"id must)", R"("refused":"id must)"},
+      {move + "[0,0,9,0,0,0]}", R"({"code":1,"command":"move_joints","duration_s":)"},
   };
+  Loopback state(false), command(true);
   for (const auto& row : rows) {
-    const std::string reply = handler.answer(row.request);
-    EXPECT_NE(reply.find("\"code\":" + std::to_string(row.code)), std::string::npos) << reply;
-    EXPECT_NE(reply.find(row.part), std::string::npos) << reply;
+    const std::string& expected = row.command.empty() ? row.state : row.command;
+    EXPECT_NE(state.answer(row.request).find(row.state), std::string::npos) << row.request;
+    EXPECT_NE(command.answer(row.request).find(expected), std::string::npos) << row.request;
+  }
+}
+
+// A program expects the same of both families, however their replies look.
+TEST(Player, PlaysThroughEitherFamily) {
+  std::istringstream program(R"({"command":"heartbeat"}
+      {"command":"dance","expect":{"code":-2,"msg":"cannot found command handle"}}
+      {"command":"move_joints","joints_deg":[999,0,0,0,0,0],"expect":{"code":-2}}
+      {"command":"get_state"})");
+  const auto steps = arm::readProgram(program);
+  const arm::SignalWatch signals;
+  for (const bool commandFamily : {false, true}) {
+    Loopback link(commandFamily);
+    arm::StateBroadcast states(link.simulation);
+    for (const bool heard : {false, true, false, false, true}) {
+      const std::string state = states.next().toStyledString();
+      if (heard) link.inbox.onReceive(state);
+    }
+    arm::Player player(link, link.inbox, signals);
+    arm::Progress progress(steps.size());
+    player.play(steps, progress);
+    const std::string counts = arm::formatLine(player.report().broadcasts);
+    EXPECT_EQ(counts, "broadcasts: first 2, last 5, received 2, missing 2");
+    link.connected = false;
+    EXPECT_THROW(player.play(steps, progress), arm::PlayError);
   }
 }
 
 TEST(Program, NamesTheFaultyLine) {
   const struct {
-    std::string text;
-    std::string part;
+    std::string text, part;
   } rows[] = {
       {"", "request"},
       {"# only a comment\n\n", "request"},
