@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "wait.h"
+
 namespace test {
 
 /// Texts that threads leave for a test to look at.
@@ -21,6 +23,10 @@ class Texts {
   std::size_t count(const std::string& text) const {
     const auto texts = all();
     return static_cast<std::size_t>(std::count(texts.begin(), texts.end(), text));
+  }
+  /// Waits until the text has come.
+  bool gets(const std::string& text) const {
+    return eventually([&] { return count(text) > 0; });
   }
 
  private:

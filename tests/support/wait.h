@@ -1,9 +1,12 @@
 // Awaiting conditions, and counting what the process holds.
 #pragma once
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -43,6 +46,13 @@ double timedMs(Body body) {
   return elapsedMs(start);
 }
 
+/// For a death test: ends the process, with success if the body says so; a hang ends it too.
+template <typename Body>
+[[noreturn]] void endProcessAfter(Body body) {
+  alarm(30);
+  std::exit(body() ? EXIT_SUCCESS : EXIT_FAILURE);
+}
+
 inline std::size_t entriesOf(const char* directory) {
   return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory),
                                                 std::filesystem::directory_iterator()));
@@ -55,6 +65,28 @@ inline std::size_t threads() {
   // A sanitizer adds a thread of its own to the first one that is started.
   [[maybe_unused]] static const bool started = (std::thread([] {}).join(), true);
   return entriesOf("/proc/self/task");
+}
+
+/// What the process held when this was made.
+class Census {
+ public:
+  /// Waits until the process holds that much more.
+  bool grownBy(std::size_t moreThreads, std::size_t moreDescriptors) const {
+    return eventually([=] {
+      return threads() == threads_ + moreThreads &&
+             openDescriptors() == descriptors_ + moreDescriptors;
+    });
+  }
+
+ private:
+  const std::size_t threads_ = threads(), descriptors_ = openDescriptors();
+};
+
+/// @return memory that the process occupies
+inline std::size_t residentKib() {
+  std::size_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages >> pages;
+  return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024;
 }
 
 /// @return number of threads of this process whose name is `name`

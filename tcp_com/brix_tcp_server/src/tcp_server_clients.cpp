@@ -59,6 +59,8 @@ void TcpServer::State::serve(std::shared_ptr<Reservation> reservation) {
 }
 
 TcpServer::State::Ending TcpServer::State::receive(Client& client) {
+  // Replies reach registered clients only: a request that came earlier would stay without one.
+  { std::lock_guard<std::mutex> registered(client.registering); }
   char chunk[kReadBytes + 1];
   while (!quit.requested()) {
     const ssize_t received = client.socket.recv(chunk, kReadBytes, 0);
