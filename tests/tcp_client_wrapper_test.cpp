@@ -27,14 +27,15 @@ struct Subject : brix::iRecieveListener {
   const RawListener door;
   Texts inbox;
   std::function<void(const std::string&)> onMsg = [](const auto&) {};
-  std::unique_ptr<brix::TcpClientWrapper> client = std::make_unique<brix::TcpClientWrapper>();
+  struct Client final : brix::TcpClientWrapper {};
+  std::unique_ptr<Client> client = std::make_unique<Client>();
 };
 
 struct TcpClientWrapperTest : testing::Test {
   ~TcpClientWrapperTest() override { EXPECT_TRUE(census.grownBy(0, abandoned)); }
   const std::string beat = "{\"command\":\"heartbeat\"}\r\n";
   std::size_t abandoned = 0;  // descriptors of failed sends, left open on purpose
-  const Census census;
+  const Census census{};
   LogCapture log;
 };
 

@@ -27,7 +27,9 @@ void BroadcastThread::start(Body body, const std::function<bool()>& stopped) {
     const ThreadMark mark(this);
     cycles(*run);
   };
-  if (!startThread(thread_, "broadcast thread", takeOver)) detachIfJoinable(*previous);
+  if (startThread(thread_, "broadcast thread", takeOver)) return;
+  run->request();  // nobody is left to wait for
+  detachIfJoinable(*previous);
 }
 
 // Published before it is asked about: a stop that comes in between finds one or the other.
