@@ -169,7 +169,7 @@ TEST_F(BrixTcpServerTest, OutlivesListenersThatThrowAreEmptyOrReplaceThemselves)
 TEST_F(BrixTcpServerTest, MayBeStoppedAndDestroyedByItsListeners) {
   enum Where { Arrival, Leaving, Message };
   const std::size_t descriptors = openDescriptors();
-  const std::size_t runningThreads = threads();
+  const std::size_t runningThreads = settledThreads();
   std::atomic<bool> stopped{false};
   std::atomic<bool> toldAfterwards{false};
   for (int round = 0; round < 18; ++round) {
@@ -216,7 +216,7 @@ TEST_F(BrixTcpServerTest, AThousandConnectionsLeaveNothingBehind) {
   std::vector<Subject> subjects(kServers);
   for (Subject& subject : subjects) subject.open();
   const std::size_t descriptors = openDescriptors();
-  const std::size_t runningThreads = threads();
+  const std::size_t runningThreads = settledThreads();
   std::vector<std::future<void>> drivers;
   for (std::size_t driver = 0; driver < kDrivers; ++driver) {
     drivers.push_back(std::async(std::launch::async, [&subject = subjects[driver % kServers]] {

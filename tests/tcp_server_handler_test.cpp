@@ -96,7 +96,7 @@ TEST_F(TcpServerHandlerTest, TellsTheEndOnceHoweverItComes) {
                {Destroy, 0, false},   {Destroy, 60000, false},      {Destroy, 0, true},
                {Close, 0, false},     {DestroyOnMessage, 0, false}, {DestroyOnQuit, 0, false}};
   const std::size_t descriptors = openDescriptors();
-  const std::size_t runningThreads = threads();
+  const std::size_t runningThreads = settledThreads();
   for (const auto& entry : cases) {
     Subject s(SOCK_STREAM, entry.intervalMs);
     if (!entry.held) s.handler->release();

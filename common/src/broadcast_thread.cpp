@@ -19,24 +19,46 @@ void BroadcastThread::start(Body body, const std::function<bool()>& stopped) {
     previous->swap(thread_);
   } else {
     lock.lock();
-    joinIfJoinable(thread_);
+    if (!joinPrevious()) return;
   }
   const auto run = beginRun(stopped);
   const auto takeOver = [this, run, previous, cycles = std::move(body)] {
+    struct Ender {
+      BroadcastThread& thread;
+      Run& run;
+      ~Ender() {
+        run.ended = true;
+        thread.closed_.wake();
+      }
+    } const ender{*this, *run};
     joinIfJoinable(*previous);
     const ThreadMark mark(this);
-    cycles(*run);
+    cycles(run->stop);
   };
   if (startThread(thread_, "broadcast thread", takeOver)) return;
-  run->request();  // nobody is left to wait for
+  run->stop.request();  // nobody is left to wait for
   detachIfJoinable(*previous);
 }
 
+// The thread may be inside a function that closes this, and waits for the caller.
+/// @return false if this is closed
+bool BroadcastThread::joinPrevious() {
+  if (!thread_.joinable()) return true;
+  const auto run = run_.load();
+  while (!run->ended && !closed_.requested()) {
+    closed_.pauseMs(kRetestMs, [&run] { return run->ended.load(); });
+  }
+  if (!run->ended) return false;
+  thread_.join();
+  return true;
+}
+
 // Published before it is asked about: a stop that comes in between finds one or the other.
-std::shared_ptr<StopSignal> BroadcastThread::beginRun(const std::function<bool()>& stopped) {
-  auto run = std::make_shared<StopSignal>();
+std::shared_ptr<BroadcastThread::Run> BroadcastThread::beginRun(
+    const std::function<bool()>& stopped) {
+  auto run = std::make_shared<Run>();
   run_ = run;
-  if (closed_ || stopped()) run->request();
+  if (closed_.requested() || stopped()) run->stop.request();
   return run;
 }
 
@@ -44,19 +66,24 @@ void BroadcastThread::runHere(const Body& body, const std::function<bool()>& sto
   auto run = run_.load();
   if (!run) run = beginRun(stopped);
   const ThreadMark mark(this);
-  body(*run);
+  body(run->stop);
 }
 
 void BroadcastThread::requestStop() {
-  if (const auto run = run_.load()) run->request();
+  if (const auto run = run_.load()) run->stop.request();
 }
 
 void BroadcastThread::close(bool wait) {
-  closed_ = true;
+  closed_.request();
   requestStop();  // also of a thread that has just been started
   if (!wait) return;
   std::lock_guard<std::mutex> lock(lifecycleLock_);
   joinIfJoinable(thread_);
+}
+
+std::shared_ptr<StopSignal> BroadcastThread::run() const {
+  const auto run = run_.load();
+  return run ? std::shared_ptr<StopSignal>(run, &run->stop) : nullptr;
 }
 
 }  // namespace brix

@@ -20,7 +20,8 @@ class BroadcastThread {
   ~BroadcastThread();
 
   /// Starts the body on a new thread. Waits for the thread before, which ends when its run is
-  /// stopped; on that thread itself the new one takes over when its cycle has returned.
+  /// stopped; on that thread itself the new one takes over when its cycle has returned. A wait ends
+  /// without a new thread when this is closed.
   /// @param stopped  whether the owner has been told to stop, which it says before requestStop()
   void start(Body body, const std::function<bool()>& stopped);
 
@@ -34,17 +35,23 @@ class BroadcastThread {
   void close(bool wait);
 
   /// @return the stop signal of the last thread's run; null if there was none
-  std::shared_ptr<StopSignal> run() const { return run_.load(); }
+  std::shared_ptr<StopSignal> run() const;
 
   bool isOwnThread() const { return ThreadMark::standsFor(this); }
 
  private:
-  std::shared_ptr<StopSignal> beginRun(const std::function<bool()>& stopped);
+  struct Run {
+    StopSignal stop;
+    std::atomic<bool> ended{false};
+  };
+
+  std::shared_ptr<Run> beginRun(const std::function<bool()>& stopped);
+  bool joinPrevious();
 
   std::mutex lifecycleLock_;
   std::thread thread_;  // lifecycleLock_
-  std::atomic<bool> closed_{false};
-  ValueSlot<std::shared_ptr<StopSignal>> run_;
+  StopSignal closed_;   // woken also when a thread ends
+  ValueSlot<std::shared_ptr<Run>> run_;
 };
 
 }  // namespace brix

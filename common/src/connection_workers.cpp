@@ -1,7 +1,5 @@
 #include "connection_workers.h"
 
-#include <algorithm>
-#include <iterator>
 #include <utility>
 
 #include "worker_thread.h"
@@ -49,25 +47,30 @@ void ConnectionWorkers::join(std::thread& worker) {
   joinIfJoinable(taken);
 }
 
-void RetiredWorkers::add(const std::shared_ptr<ConnectionWorkers>& old) {
+void RetiredWorkers::add(std::shared_ptr<ConnectionWorkers> old) noexcept {
   if (!old) return;
   old->stop.request();
   std::lock_guard<std::mutex> lock(mutex_);
-  retired_.push_back(old);
+  for (const ConnectionWorkers* kept = first_.get(); kept != nullptr; kept = kept->next_.get()) {
+    if (kept == old.get()) return;
+  }
+  old->next_ = std::move(first_);
+  first_ = std::move(old);
 }
 
 void RetiredWorkers::join(bool onlyEnded) {
-  std::vector<std::shared_ptr<ConnectionWorkers>> ended;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ended.swap(retired_);
-    if (onlyEnded) {
-      const auto running = [](const auto& old) { return !old->ended(); };
-      std::copy_if(ended.begin(), ended.end(), std::back_inserter(retired_), running);
-      ended.erase(std::remove_if(ended.begin(), ended.end(), running), ended.end());
-    }
+  while (const auto old = take(onlyEnded)) old->joinAll();
+}
+
+std::shared_ptr<ConnectionWorkers> RetiredWorkers::take(bool onlyEnded) noexcept {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto* link = &first_; *link; link = &(*link)->next_) {
+    if (onlyEnded && !(*link)->ended()) continue;
+    auto next = std::move((*link)->next_);
+    std::swap(*link, next);
+    return next;
   }
-  for (const auto& old : ended) old->joinAll();
+  return nullptr;
 }
 
 }  // namespace brix

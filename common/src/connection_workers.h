@@ -5,7 +5,6 @@
 #include <memory>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include "stop_signal.h"
 
@@ -41,22 +40,28 @@ class ConnectionWorkers {
   ~ConnectionWorkers();
 
  private:
+  friend class RetiredWorkers;
+
   std::atomic<int> running_{0};  // workers that have not ended
+  std::shared_ptr<ConnectionWorkers> next_;  // in the list of the retired
   std::mutex handlesLock_;  // innermost; guards the handles: a thread is joined by who took it out
 };
 
-/// Connections that are over, whose workers are still to be joined.
+/// Connections that are over, whose workers are still to be joined. A list that needs no memory of
+/// its own: destructors add to it.
 class RetiredWorkers {
  public:
   /// Asks the workers to end and keeps them; null is ignored.
-  void add(const std::shared_ptr<ConnectionWorkers>& old);
+  void add(std::shared_ptr<ConnectionWorkers> old) noexcept;
 
   /// @param onlyEnded  leave those that still run: one of them may be waiting for this thread
   void join(bool onlyEnded);
 
  private:
+  std::shared_ptr<ConnectionWorkers> take(bool onlyEnded) noexcept;
+
   std::mutex mutex_;  // innermost
-  std::vector<std::shared_ptr<ConnectionWorkers>> retired_;
+  std::shared_ptr<ConnectionWorkers> first_;
 };
 
 }  // namespace brix

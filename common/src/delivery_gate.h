@@ -1,7 +1,10 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
+
+#include "process_end.h"
 
 namespace brix {
 
@@ -26,12 +29,20 @@ class DeliveryGate {
   };
 
   /// Lets no further delivery in.
-  /// @param wait  return only when none is running but the caller's own
+  /// @param wait  return only when none is running but the caller's own. At the end of the process
+  ///   not for long: a delivery may itself be ending the process.
   /// @param own  number of deliveries that the caller is inside of
   void close(bool wait, int own = 0) {
+    constexpr std::chrono::milliseconds kLastWait{500};
     std::unique_lock<std::mutex> lock(mutex_);
     closed_ = true;
-    if (wait) changed_.wait(lock, [&] { return running_ <= own; });
+    if (!wait) return;
+    const auto left = [&] { return running_ <= own; };
+    if (processEnds()) {
+      changed_.wait_for(lock, kLastWait, left);
+    } else {
+      changed_.wait(lock, left);
+    }
   }
 
  private:

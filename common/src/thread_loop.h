@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -29,6 +30,10 @@ class ThreadLoop {
   void release();
   void run(ThreadUnit& unit);
 
+  /// Lets the thread call `cycle` and never touch its unit, which may be under construction still.
+  /// Before the start only.
+  void setCycle(std::function<void()> cycle) { cycle_ = std::move(cycle); }
+
   bool running() const { return running_.load(); }
   void setPeriod(double periodMs) { periodMs_.store(periodMs); }
   const std::string& name() const { return name_; }
@@ -47,6 +52,7 @@ class ThreadLoop {
   pthread_t thread_{};
   std::atomic<double> periodMs_;
   const std::string name_;
+  std::function<void()> cycle_;
 
   std::mutex mutex_;  // guards thread_, created_, alive_, stopping_ and every change of running_
   std::condition_variable changed_;

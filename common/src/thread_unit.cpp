@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "callback_guard.h"
+#include "process_end.h"
 #include "thread_loop.h"
 #include "thread_mark.h"
 
@@ -118,6 +119,7 @@ void ThreadLoop::ended() {
 
 void ThreadLoop::run(ThreadUnit& unit) {
   prctl(PR_SET_NAME, name_.c_str());  // a failure only costs the name
+  watchEndByThisThread();
   const ThreadMark mark(this);
   if (!enterLoop()) return;
   struct Leaver {  // a cycle may end its thread with pthread_exit
@@ -130,7 +132,7 @@ void ThreadLoop::run(ThreadUnit& unit) {
     }
   } leaver{*this};
   do {  // after a cycle that destroyed the unit, quit is set and the unit is not touched again
-    guarded("threadCycle exception: %s", [&unit] { unit.threadCycle(); });
+    guarded("threadCycle exception: %s", [&] { cycle_ ? cycle_() : unit.threadCycle(); });
     quit_.pauseMs(periodMs_);
     leaver.left = leaveLoop();
   } while (!leaver.left);

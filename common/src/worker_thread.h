@@ -6,6 +6,7 @@
 
 #include "callback_guard.h"
 #include "log_macros.h"
+#include "process_end.h"
 
 namespace brix {
 
@@ -16,8 +17,10 @@ namespace brix {
 template <typename Body>
 bool startThread(std::thread& handle, const char* what, Body&& body) {
   try {
-    handle = std::thread(
-        [run = std::forward<Body>(body)]() mutable { guarded("thread exception: %s", run); });
+    handle = std::thread([run = std::forward<Body>(body)]() mutable {
+      watchEndByThisThread();
+      guarded("thread exception: %s", run);
+    });
     return true;
   } catch (const std::exception& error) {
     BRIX_LOG_ERROR("start thread failed, %s: %s", what, error.what());

@@ -67,6 +67,19 @@ inline std::size_t threads() {
   return entriesOf("/proc/self/task");
 }
 
+/// @return threads(), when no thread is on its way out: one that was joined counts for a moment
+inline std::size_t settledThreads() {
+  std::size_t last = threads();
+  int same = 0;
+  eventually([&] {
+    const std::size_t now = threads();
+    same = now == last ? same + 1 : 0;
+    last = now;
+    return same == 10;
+  });
+  return last;
+}
+
 /// What the process held when this was made.
 class Census {
  public:
@@ -79,7 +92,7 @@ class Census {
   }
 
  private:
-  const std::size_t threads_ = threads(), descriptors_ = openDescriptors();
+  const std::size_t threads_ = settledThreads(), descriptors_ = openDescriptors();
 };
 
 /// @return memory that the process occupies

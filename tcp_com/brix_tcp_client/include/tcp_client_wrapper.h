@@ -62,7 +62,7 @@ class TCP_COM_API TcpClientWrapper : public ThreadUnit {
 
   /// @name Thread bodies
   /// @{
-  void threadCycle() override;
+  void threadCycle() final;
   void broadcastData();
   void sendHeartbeatFunc();
   void sendRequestFunc();

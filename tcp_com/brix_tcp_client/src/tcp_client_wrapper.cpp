@@ -31,6 +31,10 @@ void logBanner() {
 
 TcpClientWrapper::TcpClientWrapper()
     : ThreadUnit(kUnitName, kFirstPeriodMs), state_(std::make_shared<State>(loop())) {
+  const std::weak_ptr<State> weak = state_;
+  loop()->setCycle([weak] {  // a derived class is not complete yet: no virtual call
+    if (const auto state = weak.lock()) state->cycle();
+  });
   setPeriod(kPeriodMs);
   start();
 }
@@ -84,7 +88,8 @@ void TcpClientWrapper::sendRequestFunc() {
 
 void TcpClientWrapper::State::attachListener(iRecieveListener* listener) {
   std::lock_guard<std::mutex> lock(attachLock);
-  auto next = std::make_shared<Listeners>(*listeners.load());
+  const auto known = listeners.load();
+  auto next = known ? std::make_shared<Listeners>(*known) : std::make_shared<Listeners>();
   next->push_back(listener);
   const int count = static_cast<int>(next->size());
   listeners = std::shared_ptr<const Listeners>(std::move(next));
@@ -120,7 +125,9 @@ int TcpClientWrapper::State::connectLocked(ThreadUnit& unit, const std::string& 
   const auto own = beginLink(client, result);
   BRIX_LOG_INFO("Tcp connect socket [%s : %d] success, handle id %d", ip.c_str(), port, result);
   logBanner();
-  if (startThreads(unit, own)) return result;
+  bool started = false;
+  guarded("connectSocket exception: %s", [&] { started = startThreads(unit, own); });
+  if (started) return result;
   endLink(*own);
   return kNotConnected;
 }
@@ -189,7 +196,7 @@ void TcpClientWrapper::State::release() {
   retired.add(link.load());
   retired.join(own);
   loop->stop();  // a cycle must not begin on a half-destroyed object
-  listeners = std::make_shared<const Listeners>();
+  listeners = nullptr;
 }
 
 bool TcpClientWrapper::State::send(const std::string& msg) {

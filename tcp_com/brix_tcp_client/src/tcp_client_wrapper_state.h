@@ -63,7 +63,7 @@ class TCP_COM_HIDDEN TcpClientWrapper::State
 
   const std::shared_ptr<ThreadLoop> loop;
   ValueSlot<std::shared_ptr<WrapperLink>> link;  // the client and its workers
-  ValueSlot<std::shared_ptr<const Listeners>> listeners{std::make_shared<const Listeners>()};
+  ValueSlot<std::shared_ptr<const Listeners>> listeners;  // null: none
   DataQueue<std::string> requestQueue;
   DataQueue<std::string> recievedQueue;
   std::atomic<int> handle{-1};    // changed under linkLock, together with link

@@ -61,6 +61,7 @@ void TcpClientWrapper::State::broadcastLoop(WrapperLink& own) {
 // Each listener in turn gets a message of its own, the later ones an empty text when none is left.
 void TcpClientWrapper::State::deliverRound() {
   const auto round = listeners.load();
+  if (!round) return;
   for (iRecieveListener* const listener : *round) {
     if (destroyed.requested()) return;
     const std::string msg = recievedQueue.pop();

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -23,11 +24,22 @@ class BroadcastCore {
  public:
   using SendFunc = std::function<void(int, const std::string&)>;
 
+  /// The request to remove a socket's registration. The reservation keeps the number from being
+  /// given out again until no registration under it can be mistaken any more.
+  struct Release {
+    int socket;
+    std::shared_ptr<void> reservation;
+  };
+
   /// The core alone, for the broadcaster itself.
   static BroadcastCore& instance();
 
-  /// The core, with its sender thread started.
+  /// The core, with its sender thread started. If the system has no thread left, the next call
+  /// tries again.
   static BroadcastCore& started();
+
+  /// @return whether the calling thread is the sender or inside the connection listener
+  static bool insideCallback();
 
   void start();
   void shutDown();
@@ -40,9 +52,8 @@ class BroadcastCore {
   /// As above; gives up when `stop` is asked for while another thread holds the listener lock.
   void attachUnless(StopSignal& stop, SendFunc fn, int socket);
 
-  /// @param reservation  keeps the number from being given out again; dropped when no registration
-  ///   under it can be mistaken any more
-  void detach(int socket, std::shared_ptr<void> reservation);
+  /// Asks for the removal of a registration. Needs no memory.
+  void detach(std::list<Release> request) noexcept;
 
   int push(const std::string& msg);
   void setConnectionListener(std::function<void(bool)> listener);
@@ -67,14 +78,9 @@ class BroadcastCore {
   };
 
  private:
-  struct Release {
-    int socket;
-    std::shared_ptr<void> reservation;
-  };
-
   std::string insert(SendFunc fn, int socket);
   void cycle();
-  void removeReleased(std::vector<Release>& released, std::vector<SendFunc>& removed);
+  void removeReleased(std::list<Release>& released, std::vector<SendFunc>& removed);
   void sendOne();
   void notify();
   void ended();
@@ -85,12 +91,14 @@ class BroadcastCore {
   std::map<int, SendFunc> listenerMap_;
   bool senderEnded_ = false;
   LogMutex listenerLock_;              // held while send functions and connection listener run
-  std::vector<Release> releaseList_;   // listenerLock_
+  std::list<Release> releaseList_;     // listenerLock_
   std::atomic<std::size_t> count_{0};  // of listenerMap_, for those who do not take the lock
   std::atomic<bool> sending_{true};    // until the sender has ended
   StopSignal quit_;
   DataQueue<std::string> msgQueue_;
-  std::thread senderThread_;
+  std::mutex startLock_;
+  std::thread senderThread_;               // startLock_
+  std::atomic<bool> senderStarted_{false};  // for those who do not take the lock
   CallbackSlot<void(bool)> connectionListener_;
 
   StopSignal processEnd_;

@@ -98,6 +98,15 @@ TcpServer::State::~State() {
   detachIfJoinable(acceptThread);  // the last holder may be that thread, at its very end
 }
 
+/// Ends with the accept thread, however that ends.
+struct TcpServer::State::Accepting {
+  explicit Accepting(State& accepts) : state(accepts) {}
+  ~Accepting() { state.accepting = false; }
+  Accepting(const Accepting&) = delete;
+  Accepting& operator=(const Accepting&) = delete;
+  State& state;
+};
+
 // Inside a callback, and while another thread stops the server, this must not wait.
 void TcpServer::State::createSocket(int port) {
   std::unique_lock<std::mutex> lock(lifecycleLock, std::defer_lock);
@@ -105,10 +114,11 @@ void TcpServer::State::createSocket(int port) {
     BRIX_LOG_ERROR("tcp server was started already, port %d not opened", port);
     return;
   }
+  watchProcessEnd();
   accepting = true;
   const auto body = [state = shared_from_this(), port] {
+    const Accepting whileRunning(*state);
     state->acceptLoop(port);
-    state->accepting = false;
   };
   if (startThread(acceptThread, "accept thread", body)) return;
   accepting = false;
@@ -128,17 +138,18 @@ void TcpServer::State::stop() {
 // The server goes away. Nobody told it to stop: it waits for that, except at the end of the
 // process, when nobody is left to do it.
 void TcpServer::State::release(bool mayBlock) {
-  const bool ownThread = onAcceptThread() || insideListener();
+  const bool ownThread = onAcceptThread() || insideListener() || BroadcastCore::insideCallback();
   StopSignal wait;
   while (mayBlock && !ownThread && accepting && !processEnds()) wait.pauseMs(kAcceptPauseMs);
   stop();
-  listeners = std::make_shared<const Listeners>();
+  listeners = nullptr;
   gate.close(true, insideListener() ? 1 : 0);
 }
 
 void TcpServer::State::attachListener(iRecieveListener* listener) {
   std::lock_guard<std::mutex> lock(attachLock);
-  auto next = std::make_shared<Listeners>(*listeners.load());
+  const auto known = listeners.load();
+  auto next = known ? std::make_shared<Listeners>(*known) : std::make_shared<Listeners>();
   next->push_back(listener);
   listeners = std::shared_ptr<const Listeners>(std::move(next));
 }

@@ -31,15 +31,19 @@ ReservedNumbers& reservedNumbers() {
 }  // namespace
 
 TcpServer::State::Reservation::Reservation(std::shared_ptr<Client> reserved)
-    : client(std::move(reserved)), use(client->socket) {
+    : client(std::move(reserved)),
+      use(std::in_place, client->socket),
+      removal{{client->socket.number(), nullptr}} {
   ReservedNumbers& numbers = reservedNumbers();
   std::lock_guard<std::mutex> guard(numbers.lock);
   numbers.clients[client->socket.number()] = client;
 }
 
+// The descriptor closes under the lock: who does not find the number here finds it closed.
 TcpServer::State::Reservation::~Reservation() {
   ReservedNumbers& numbers = reservedNumbers();
   std::lock_guard<std::mutex> guard(numbers.lock);
+  use.reset();
   numbers.clients.erase(client->socket.number());
 }
 
@@ -52,10 +56,15 @@ std::shared_ptr<TcpServer::State::Client> TcpServer::State::findClient(int socke
 }
 
 void TcpServer::State::serve(std::shared_ptr<Reservation> reservation) {
-  Client& client = *reservation->client;
+  struct Leaver {  // a listener may end its thread with pthread_exit
+    State& state;
+    std::shared_ptr<Reservation> reservation;
+    Ending ending = Ending::Quit;
+    ~Leaver() { state.endClient(std::move(reservation), ending); }
+  } leaver{*this, std::move(reservation)};
+  Client& client = *leaver.reservation->client;
   BRIX_LOG_INFO("socket %d running...", client.socket.number());
-  const Ending ending = receive(client);
-  endClient(std::move(reservation), ending);
+  leaver.ending = receive(client);
 }
 
 TcpServer::State::Ending TcpServer::State::receive(Client& client) {
@@ -86,6 +95,7 @@ void TcpServer::State::takeChunk(const char* text, std::size_t size) {
 
 void TcpServer::State::deliver(const std::string& msg) {
   const auto called = listeners.load();
+  if (!called) return;
   for (iRecieveListener* const listener : *called) {
     if (listener == nullptr) continue;
     const DeliveryGate::Entry entry(gate);
@@ -97,7 +107,8 @@ void TcpServer::State::deliver(const std::string& msg) {
 
 // The removal is asked for only after the accept thread is done with the registration, which it
 // would otherwise undo.
-void TcpServer::State::endClient(std::shared_ptr<Reservation> reservation, Ending ending) {
+void TcpServer::State::endClient(std::shared_ptr<Reservation> reservation,
+                                 Ending ending) noexcept {
   const std::shared_ptr<Client> client = reservation->client;
   const int number = client->socket.number();
   if (ending == Ending::PeerClosed) {
@@ -108,7 +119,10 @@ void TcpServer::State::endClient(std::shared_ptr<Reservation> reservation, Endin
   client->socket.end();
   { std::lock_guard<std::mutex> registered(client->registering); }
   BroadcastCore& broadcaster = BroadcastCore::started();
-  broadcaster.detach(number, std::move(reservation));
+  std::list<BroadcastCore::Release> removal;
+  removal.swap(reservation->removal);
+  removal.front().reservation = std::move(reservation);
+  broadcaster.detach(std::move(removal));
   if (ending == Ending::RecvError) {
     BRIX_LOG_INFO("recieve error");
   } else if (ending == Ending::Exit) {

@@ -6,6 +6,7 @@
 #include "callback_guard.h"
 #include "lock_in_steps.h"
 #include "log_macros.h"
+#include "process_end.h"
 #include "thread_mark.h"
 #include "worker_thread.h"
 
@@ -32,7 +33,7 @@ std::string TcpServerBroadcaster::attachListener(std::function<void(int, const s
 }
 
 void TcpServerBroadcaster::detachListener(int socket) {
-  BroadcastCore::instance().detach(socket, nullptr);
+  BroadcastCore::instance().detach({{socket, nullptr}});
 }
 
 int TcpServerBroadcaster::pushMsg(const std::string& msg) {
@@ -67,28 +68,43 @@ BroadcastCore& BroadcastCore::instance() {
 
 BroadcastCore& BroadcastCore::started() {
   TcpServerBroadcaster::getInstance();
-  return instance();
+  BroadcastCore& core = instance();
+  if (!core.senderStarted_) core.start();
+  return core;
+}
+
+bool BroadcastCore::insideCallback() {
+  const BroadcastCore& core = instance();
+  return ThreadMark::standsFor(&core) || ThreadMark::standsFor(&core.connectionListener_);
 }
 
 void BroadcastCore::start() {
-  if (!startThread(senderThread_, "sender thread", [this] { run(); })) ended();
+  std::lock_guard<std::mutex> lock(startLock_);
+  if (senderStarted_ || processEnd_.requested()) return;
+  senderStarted_ = startThread(senderThread_, "sender thread", [this] { run(); });
 }
 
 // The process ends. Stop sequence: 1. quit flag, which also ends the waiting for the listener lock;
 // 2. let no send begin, and end the connection that the sender may be stuck in; 3. join. A listener
 // that ends the process does so on one of the threads that hold the lock, or on the sender itself.
 void BroadcastCore::shutDown() {
+  announceProcessEnd();
   quit_.request();
   {
     std::lock_guard<std::mutex> lock(stuckLock_);
     processEnd_.request();
     if (sendsTo_ != nullptr) sendsTo_->end();
   }
+  std::thread sender;
+  {
+    std::lock_guard<std::mutex> lock(startLock_);
+    sender.swap(senderThread_);
+  }
   if (ThreadMark::standsFor(this)) {
-    detachIfJoinable(senderThread_);
+    detachIfJoinable(sender);
     return;
   }
-  joinIfJoinable(senderThread_);
+  joinIfJoinable(sender);
   if (!listenerLock_.try_lock()) return;
   listenerMap_.clear();
   count_ = 0;
@@ -117,14 +133,15 @@ std::string BroadcastCore::insert(SendFunc fn, int socket) {
 }
 
 void BroadcastCore::notify() {
+  const ThreadMark mark(&connectionListener_);
   guarded("connection listener exception: %s",
           [this] { connectionListener_(!listenerMap_.empty()); });
 }
 
-void BroadcastCore::detach(int socket, std::shared_ptr<void> reservation) {
+void BroadcastCore::detach(std::list<Release> request) noexcept {
   std::lock_guard<LogMutex> lock(listenerLock_);
   if (senderEnded_) return;  // nobody removes it any more, and nobody sends to it
-  releaseList_.push_back({socket, std::move(reservation)});
+  releaseList_.splice(releaseList_.end(), request);
 }
 
 int BroadcastCore::push(const std::string& msg) {
@@ -151,7 +168,7 @@ void BroadcastCore::run() {
 // What is removed is destroyed when the lock is free: it may hold whatever the application put into
 // its functions.
 void BroadcastCore::cycle() {
-  std::vector<Release> released;
+  std::list<Release> released;
   std::vector<SendFunc> removed;
   if (!lockInSteps(listenerLock_, quit_)) return;
   std::lock_guard<LogMutex> lock(listenerLock_, std::adopt_lock);
@@ -159,7 +176,7 @@ void BroadcastCore::cycle() {
   if (!msgQueue_.empty()) sendOne();
 }
 
-void BroadcastCore::removeReleased(std::vector<Release>& released, std::vector<SendFunc>& removed) {
+void BroadcastCore::removeReleased(std::list<Release>& released, std::vector<SendFunc>& removed) {
   released.swap(releaseList_);
   for (const Release& release : released) {
     const auto entry = listenerMap_.find(release.socket);
@@ -187,7 +204,7 @@ void BroadcastCore::sendOne() {
 
 // Numbers that wait for their removal are given back: no text can reach them any more.
 void BroadcastCore::ended() {
-  std::vector<Release> released;
+  std::list<Release> released;
   sending_ = false;
   if (!lockInSteps(listenerLock_, processEnd_)) return;
   std::lock_guard<LogMutex> lock(listenerLock_, std::adopt_lock);

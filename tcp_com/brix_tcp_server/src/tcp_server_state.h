@@ -3,12 +3,15 @@
 #include <netinet/in.h>
 
 #include <atomic>
+#include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "broadcast_core.h"
 #include "callback_slot.h"
 #include "delivery_gate.h"
 #include "listen_socket.h"
@@ -39,7 +42,8 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
     explicit Reservation(std::shared_ptr<Client> reserved);
     ~Reservation();
     const std::shared_ptr<Client> client;
-    const SocketOwner::Use use;
+    std::optional<SocketOwner::Use> use;
+    std::list<BroadcastCore::Release> removal;  // made early: asking for it must not fail
   };
 
   /// @return the client of any server of the process whose number this is; null if it is none's
@@ -48,6 +52,8 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   enum class Ending { RecvError, PeerClosed, QuitCommand, Exit, Quit };
 
   using Listeners = std::vector<iRecieveListener*>;
+
+  struct Accepting;
 
   void createSocket(int port);
   void stop();
@@ -64,7 +70,7 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   Ending receive(Client& client);
   void takeChunk(const char* text, std::size_t size);
   void deliver(const std::string& msg);
-  void endClient(std::shared_ptr<Reservation> reservation, Ending ending);
+  void endClient(std::shared_ptr<Reservation> reservation, Ending ending) noexcept;
 
   bool onAcceptThread() const { return ThreadMark::standsFor(&acceptThread); }
   bool insideListener() const { return ThreadMark::standsFor(&gate); }
@@ -75,7 +81,7 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   MessageSplitter reassembly;  // bufferLock; one for all clients
   std::mutex bufferLock;
   std::thread acceptThread;  // lifecycleLock
-  ValueSlot<std::shared_ptr<const Listeners>> listeners{std::make_shared<const Listeners>()};
+  ValueSlot<std::shared_ptr<const Listeners>> listeners;  // null: none
 
   std::mutex lifecycleLock;
   std::atomic<bool> accepting{false};  // until the accept thread has ended

@@ -13,7 +13,6 @@
 #include "callback_guard.h"
 #include "callback_slot.h"
 #include "command_envelope.h"
-#include "lock_in_steps.h"
 #include "log_macros.h"
 #include "message_framing.h"
 #include "process_end.h"
@@ -74,7 +73,7 @@ Json::Value answerHeartbeat(const Json::Value& request) {
 /// What the wrapper shares with its broadcast thread, with the server's receiving threads while
 /// they are inside it, and with the broadcaster's connection listener.
 ///
-/// Lock order: the broadcaster's listener lock, then stateLock; the maps' writer lock alone.
+/// Lock order: stateLock, then whatever the broadcast function takes; the maps' writer lock alone.
 struct TCP_COM_HIDDEN TcpServerWrapper::State : std::enable_shared_from_this<State> {
   void registerBroadcastFunc(std::function<Json::Value()> func, int rateMs);
   template <typename Map, typename Other>
@@ -102,7 +101,7 @@ struct TCP_COM_HIDDEN TcpServerWrapper::State : std::enable_shared_from_this<Sta
   BroadcastThread broadcastThread;
   std::mutex stateLock;  // held while the broadcast function runs
   std::condition_variable stateChanged;
-  std::atomic<bool> connected{false};  // changed under stateLock, and by quit()
+  std::atomic<bool> connected{false};
   StopSignal quit;                     // the quit flag
 };
 
@@ -122,7 +121,6 @@ TcpServerWrapper::~TcpServerWrapper() {
 }
 
 void TcpServerWrapper::init(int port) {
-  watchProcessEnd();
   state_->quit.reset();
   state_->server->createSocket(port);
 }
@@ -186,7 +184,7 @@ void TcpServerWrapper::State::quitAll() {
 // The wrapper goes away. Inside one of its callbacks nobody is waited for who may wait for that
 // one.
 void TcpServerWrapper::State::release() {
-  const bool inside = ThreadMark::standsFor(this);
+  const bool inside = ThreadMark::standsFor(this) || BroadcastCore::insideCallback();
   if (!inside) awaitQuit();
   connected = false;
   quit.request();
@@ -279,12 +277,12 @@ void TcpServerWrapper::tcpConnectionNotify(bool connected) {
   state->connectionNotify(connected);
 }
 
-// The lock may be held by a broadcast function that stops the server, and so waits for the thread
-// that calls this.
+// Not under the state lock: this thread holds up all servers of the process, and the broadcast
+// function that runs under that lock may be stopping one of them. A wake-up that is lost without it
+// costs the waiting thread one more test.
 void TcpServerWrapper::State::connectionNotify(bool value) {
   BRIX_LOG_INFO("tcp connection %b", value);
-  if (quit.requested() || !lockInSteps(stateLock, quit)) return;
-  std::lock_guard<std::mutex> lock(stateLock, std::adopt_lock);
+  if (quit.requested()) return;
   connected = value;
   stateChanged.notify_all();
 }
