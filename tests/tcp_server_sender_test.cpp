@@ -68,7 +68,8 @@ bool endAt(Place place) {
   RawSocket leaves = RawSocket::connectTo(server.listeningPort());
   eventually([] { return sender().listenerCount() == 2; });
   const std::string text(64 << 20, 'x');
-  const std::size_t running = settledThreads(), descriptors = openDescriptors(), kib = residentKib();
+  const std::size_t running = settledThreads(), descriptors = openDescriptors(),
+                    kib = residentKib();
   if (place == SenderEnded) leaves.send("exit");
   if (place >= Removal) leaves.close();
   if (place == SendFunction) sender().attachListener([=](auto&&...) { exitAt(SendFunction); }, 0);

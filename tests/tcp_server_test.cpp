@@ -144,7 +144,7 @@ TEST_F(TcpServerTest, MayBeStoppedAndDestroyedByItsListeners) {
     std::atomic<bool> stopped{false};
     const auto stopAt = [&](int where) {
       if (where != round % 3 || stopped) return;
-      if (round < 3 || where == Leaving) server->quit();
+      if (round < 3) server->quit();
       if (round >= 3) server.reset();
       stopped = true;
     };
@@ -160,6 +160,17 @@ TEST_F(TcpServerTest, MayBeStoppedAndDestroyedByItsListeners) {
     EXPECT_TRUE(eventually([] { return sender().listenerCount() == 0; }));
     sender().setConnectionListener({});
   }
+}
+
+TEST_F(TcpServerTest, AListenerThatEndsItsThreadEndsItsClient) {
+  const Census census{};
+  onMsg = [] { pthread_exit(nullptr); };
+  for (int i = 1; i <= 5; ++i) {  // also the count of connections falls again
+    const RawSocket client = connect();
+    client.send("m\r\n");
+    EXPECT_EQ(client.read(1), "");
+  }
+  EXPECT_TRUE(eventually([] { return sender().listenerCount() == 0; }) && census.grownBy(0, 0));
 }
 
 TEST_F(TcpServerTest, OpensOnePortOnceAndEndsClientsThatGetNoThread) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <stdexcept>
 #include <thread>
 
@@ -179,6 +180,80 @@ TEST_F(TcpServerWrapperTest, StopsAndGoesAwayInsideItsCallbacks) {
       EXPECT_TRUE(eventually([&] { return done.load(); })) << destroy << inHandler;
       server.reset();
     }
+  }
+}
+
+TEST_F(TcpServerWrapperTest, ABroadcastFunctionHoldsUpNoOtherServer) {
+  TcpServerWrapper other(-1);
+  other.init(0);
+  ASSERT_TRUE(other.waitUntilListening(test::kDeadlineMs));
+  SetUp();  // it has the connection listener of the process
+  std::promise<void> inside, arrived, stopped;
+  server->registerBroadcastFunc(
+      [&, first = true]() mutable {
+        if (std::exchange(first, false)) {
+          inside.set_value();
+          arrived.get_future().wait();
+          other.quit();
+          stopped.set_value();
+        }
+        return Json::Value();
+      },
+      1);
+  const RawSocket client = connected(start());
+  inside.get_future().wait();
+  const RawSocket another = connected(other.listeningPort());
+  arrived.set_value();
+  EXPECT_TRUE(test::ready(stopped));
+}
+
+TEST_F(TcpServerWrapperTest, ADestructorInTheBroadcastFunctionEndsTheWaitForIt) {
+  std::promise<void> destroyed;
+  add("again", [&](const Json::Value&) {
+    server->registerBroadcastFunc([] { return Json::Value(); }, 1);
+    return Json::Value();
+  });
+  server->registerBroadcastFunc(
+      [&, first = true]() mutable {
+        if (!std::exchange(first, false)) return Json::Value();
+        EXPECT_TRUE(eventually([&] { return log.infos("register tcp broadcast callback") == 2; }));
+        server.reset();
+        destroyed.set_value();
+        return Json::Value();
+      },
+      1);
+  const RawSocket client = connected(start());
+  client.send("{\"command\":\"again\"}\r\n");
+  EXPECT_TRUE(test::ready(destroyed));
+}
+
+enum class End { AtOnce, LaterOnAForeignThread, InTheBroadcastFunction, InAHandler };
+
+/// Ends the process while a static server runs.
+bool endWithAStaticServer(End end) {
+  static TcpServerWrapper server(end == End::AtOnce ? 0 : -1);
+  if (end == End::AtOnce) return true;
+  const auto exitAt = [end](End here) { here == end ? std::exit(EXIT_SUCCESS) : void(); };
+  TcpServerWrapper::ObjectHandlerMap map{
+      {"exit", [=](const Json::Value& request) { return exitAt(End::InAHandler), request; }}};
+  server.setHandleMap(map);
+  server.registerBroadcastFunc([=] { return exitAt(End::InTheBroadcastFunction), Json::Value(); },
+                               1);
+  server.init(0);
+  server.waitUntilListening(test::kDeadlineMs);
+  std::vector<RawSocket> clients;
+  for (int i = 0; i < 3; ++i) clients.push_back(RawSocket::connectTo(server.listeningPort()));
+  if (end == End::InAHandler) clients[0].send("{\"command\":\"exit\"}\r\n");
+  if (end == End::LaterOnAForeignThread) std::thread(exitAt, end).join();
+  for (;;) pause();
+}
+
+TEST(TcpServerWrapper, LetsTheProcessEndWithoutQuit) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  for (const End end :
+       {End::AtOnce, End::LaterOnAForeignThread, End::InTheBroadcastFunction, End::InAHandler}) {
+    EXPECT_EXIT(test::endProcessAfter([=] { return endWithAStaticServer(end); }),
+                testing::ExitedWithCode(0), "");
   }
 }
 

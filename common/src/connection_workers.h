@@ -42,7 +42,7 @@ class ConnectionWorkers {
  private:
   friend class RetiredWorkers;
 
-  std::atomic<int> running_{0};  // workers that have not ended
+  std::atomic<int> running_{0};              // workers that have not ended
   std::shared_ptr<ConnectionWorkers> next_;  // in the list of the retired
   std::mutex handlesLock_;  // innermost; guards the handles: a thread is joined by who took it out
 };

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -36,6 +37,13 @@ bool eventually(Condition condition, double deadlineMs = kDeadlineMs) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
+}
+
+/// @return whether the promise was kept before the deadline; asked once
+template <typename Value>
+bool ready(std::promise<Value>& promise) {
+  const auto deadline = std::chrono::milliseconds(static_cast<long>(kDeadlineMs));
+  return promise.get_future().wait_for(deadline) == std::future_status::ready;
 }
 
 /// Runs the body and returns how long it took.

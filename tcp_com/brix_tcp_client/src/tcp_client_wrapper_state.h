@@ -62,7 +62,7 @@ class TCP_COM_HIDDEN TcpClientWrapper::State
   bool onOwnThread() const { return ThreadMark::standsFor(this); }
 
   const std::shared_ptr<ThreadLoop> loop;
-  ValueSlot<std::shared_ptr<WrapperLink>> link;  // the client and its workers
+  ValueSlot<std::shared_ptr<WrapperLink>> link;           // the client and its workers
   ValueSlot<std::shared_ptr<const Listeners>> listeners;  // null: none
   DataQueue<std::string> requestQueue;
   DataQueue<std::string> recievedQueue;

@@ -97,7 +97,7 @@ class BroadcastCore {
   StopSignal quit_;
   DataQueue<std::string> msgQueue_;
   std::mutex startLock_;
-  std::thread senderThread_;               // startLock_
+  std::thread senderThread_;                // startLock_
   std::atomic<bool> senderStarted_{false};  // for those who do not take the lock
   CallbackSlot<void(bool)> connectionListener_;
 

@@ -107,8 +107,7 @@ void TcpServer::State::deliver(const std::string& msg) {
 
 // The removal is asked for only after the accept thread is done with the registration, which it
 // would otherwise undo.
-void TcpServer::State::endClient(std::shared_ptr<Reservation> reservation,
-                                 Ending ending) noexcept {
+void TcpServer::State::endClient(std::shared_ptr<Reservation> reservation, Ending ending) noexcept {
   const std::shared_ptr<Client> client = reservation->client;
   const int number = client->socket.number();
   if (ending == Ending::PeerClosed) {

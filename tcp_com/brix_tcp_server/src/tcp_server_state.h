@@ -80,7 +80,7 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   std::atomic<int> connectionCount{0};
   MessageSplitter reassembly;  // bufferLock; one for all clients
   std::mutex bufferLock;
-  std::thread acceptThread;  // lifecycleLock
+  std::thread acceptThread;                               // lifecycleLock
   ValueSlot<std::shared_ptr<const Listeners>> listeners;  // null: none
 
   std::mutex lifecycleLock;

@@ -102,7 +102,7 @@ struct TCP_COM_HIDDEN TcpServerWrapper::State : std::enable_shared_from_this<Sta
   std::mutex stateLock;  // held while the broadcast function runs
   std::condition_variable stateChanged;
   std::atomic<bool> connected{false};
-  StopSignal quit;                     // the quit flag
+  StopSignal quit;  // the quit flag
 };
 
 TcpServerWrapper::TcpServerWrapper(int port) : state_(std::make_shared<State>()) {
