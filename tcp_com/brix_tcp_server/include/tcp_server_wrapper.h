@@ -64,8 +64,8 @@ class TCP_COM_API TcpServerWrapper : public iRecieveListener {
 
   /// Replaces the broadcast function, whose value goes to all clients each `rateMs` milliseconds
   /// (plus the time that it takes) while any is connected. A second call waits, on purpose, until
-  /// another thread calls quit() or destroys the server; from the broadcast function itself it takes
-  /// over at once.
+  /// another thread calls quit() or destroys the server; from the broadcast function itself it
+  /// takes over at once.
   void registerBroadcastFunc(std::function<Json::Value()> func, int rateMs);
 
   /// Sets the pause between two broadcasts in milliseconds, from the next one on.
