@@ -1,12 +1,11 @@
 // Connecting, disconnecting and the client's modes.
 
-#include <cxxabi.h>
-
 #include <utility>
 
 #include "callback_guard.h"
 #include "communication_client_state.h"
 #include "log_macros.h"
+#include "thread_end.h"
 #include "thread_mark.h"
 
 namespace brix {
@@ -27,8 +26,9 @@ bool CommunicationClient::State::onOwnThread() const {
   return ThreadMark::standsFor(this);
 }
 
-int CommunicationClient::State::connect(ThreadUnit& unit, const std::string& ip, int port,
-                                        double timeout) {
+BRIX_SEES_THREAD_END int CommunicationClient::State::connect(ThreadUnit& unit,
+                                                             const std::string& ip, int port,
+                                                             double timeout) {
   const auto handle = clientHandle.load();
   if (!handle) {
     BRIX_LOG_ERROR("you have set a client handle by setClientHandle before communication");

@@ -1,7 +1,5 @@
 // The client's receive cycle and its three workers.
 
-#include <cxxabi.h>
-
 #include <utility>
 
 #include "atomic_access.h"
@@ -10,6 +8,7 @@
 #include "command_envelope.h"
 #include "communication_client_state.h"
 #include "log_macros.h"
+#include "thread_end.h"
 #include "thread_mark.h"
 
 namespace brix {
@@ -144,7 +143,7 @@ void CommunicationClient::State::changeListeners(const std::function<void()>& ch
   change();
 }
 
-void CommunicationClient::State::sendLoop(ClientLink& own) {
+BRIX_SEES_THREAD_END void CommunicationClient::State::sendLoop(ClientLink& own) {
   const ThreadMark mark(this);
   try {
     while (!own.stop.requested() && sendMode) {

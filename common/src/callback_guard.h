@@ -1,10 +1,9 @@
 #pragma once
 
-#include <cxxabi.h>
-
 #include <exception>
 
 #include "log_macros.h"
+#include "thread_end.h"
 
 namespace brix {
 
@@ -12,8 +11,8 @@ namespace brix {
 /// @param fmt  the log line for what was thrown, with one "%s"
 /// @return whether nothing was thrown
 template <typename Body>
-bool guarded(const char* fmt, Body&& body, const char* file = __builtin_FILE(),
-             int line = __builtin_LINE()) {
+BRIX_SEES_THREAD_END bool guarded(const char* fmt, Body&& body, const char* file = __builtin_FILE(),
+                                  int line = __builtin_LINE()) {
   try {
     body();
     return true;

@@ -17,6 +17,7 @@
 #include "errno_keeper.h"
 #include "format.h"
 #include "sigpipe_guard.h"
+#include "thread_end.h"
 
 namespace brix_log {
 namespace {
@@ -75,7 +76,8 @@ void writeToStandardError(const std::string& line, const char* colorEscape) {
   writeAll(bytes.data(), bytes.size());
 }
 
-bool callSink(const Sink& sink, brix::LogLevel level, const std::string& line) {
+BRIX_SEES_THREAD_END bool callSink(const Sink& sink, brix::LogLevel level,
+                                   const std::string& line) {
   insideSink = true;
   bool taken = true;
   try {
@@ -115,7 +117,7 @@ void write(brix::LogLevel level, const char* file, int line, const std::string& 
 
 /// Logging is never a reason to lose the process: without memory the line is lost instead.
 template <typename Body>
-void keepingErrno(Body&& body) {
+BRIX_SEES_THREAD_END void keepingErrno(Body&& body) {
   const brix::ErrnoKeeper keeper;
   try {
     body();

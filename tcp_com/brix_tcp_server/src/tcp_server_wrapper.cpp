@@ -1,7 +1,5 @@
 #include "tcp_server_wrapper.h"
 
-#include <cxxabi.h>
-
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
@@ -18,6 +16,7 @@
 #include "process_end.h"
 #include "stop_signal.h"
 #include "tcp_server.h"
+#include "thread_end.h"
 #include "thread_mark.h"
 
 namespace brix {
@@ -234,7 +233,7 @@ std::string TcpServerWrapper::commandHandle(const std::string& msg) {
   return state->handle(msg);
 }
 
-std::string TcpServerWrapper::State::handle(const std::string& msg) {
+BRIX_SEES_THREAD_END std::string TcpServerWrapper::State::handle(const std::string& msg) {
   Json::Value reply;
   const Json::Value document = parseDocument(msg);
   if (document.isNull()) return rejected(reply, envelope::kMsgParseError);
