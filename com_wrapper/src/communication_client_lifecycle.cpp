@@ -5,6 +5,7 @@
 #include "callback_guard.h"
 #include "communication_client_state.h"
 #include "log_macros.h"
+#include "process_end.h"
 #include "thread_end.h"
 #include "thread_mark.h"
 
@@ -17,7 +18,7 @@ constexpr int kFailed = -1;
 /// Takes a lock; on the client's own threads it only tries.
 std::unique_lock<std::recursive_mutex> lockUnlessOwn(std::recursive_mutex& mutex, bool ownThread) {
   if (ownThread) return std::unique_lock<std::recursive_mutex>(mutex, std::try_to_lock);
-  return std::unique_lock<std::recursive_mutex>(mutex);
+  return lockOrLeave(mutex);
 }
 
 }  // namespace
@@ -178,6 +179,7 @@ void CommunicationClient::State::endLink() {
 // on this state, and no listener is called any more. A callback on another thread may be connecting
 // anew meanwhile, hence the second round.
 void CommunicationClient::State::release() {
+  noticeProcessEnd();
   destroyed = true;
   endLink();
   loop->stop();  // a cycle must not begin on a half-destroyed object

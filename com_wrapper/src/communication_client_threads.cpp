@@ -8,6 +8,7 @@
 #include "command_envelope.h"
 #include "communication_client_state.h"
 #include "log_macros.h"
+#include "process_end.h"
 #include "thread_end.h"
 #include "thread_mark.h"
 
@@ -132,8 +133,7 @@ void CommunicationClient::State::deliverOne(const std::string& msg) {
 // stays there, as it always has, but no longer than its connection.
 void CommunicationClient::State::changeListeners(const std::function<void()>& change) {
   if (!ThreadMark::standsFor(&listenerMutex)) {
-    std::lock_guard<std::mutex> lock(listenerMutex);
-    change();
+    if (const auto lock = lockOrLeave(listenerMutex)) change();
     return;
   }
   if (!destroyed) {

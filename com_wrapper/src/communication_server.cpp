@@ -13,6 +13,7 @@
 #include "data_queue.h"
 #include "delivery_gate.h"
 #include "log_macros.h"
+#include "process_end.h"
 #include "stop_signal.h"
 #include "thread_mark.h"
 
@@ -80,6 +81,7 @@ struct TCP_COM_HIDDEN CommunicationServer::State : std::enable_shared_from_this<
 CommunicationServer::CommunicationServer() : state_(std::make_shared<State>()) {}
 
 CommunicationServer::~CommunicationServer() {
+  noticeProcessEnd();
   state_->terminate();
   state_->release();
 }

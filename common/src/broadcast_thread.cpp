@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "process_end.h"
 #include "worker_thread.h"
 
 namespace brix {
@@ -13,15 +14,14 @@ BroadcastThread::~BroadcastThread() {
 void BroadcastThread::start(Body body, const std::function<bool()>& stopped) {
   std::unique_lock<std::mutex> lock(lifecycleLock_, std::defer_lock);
   const auto previous = std::make_shared<std::thread>();
-  if (isOwnThread()) {
+  const bool own = isOwnThread();
+  if (own) {
     if (!lock.try_lock()) return;  // another registration is waiting for this very thread
-    requestStop();
-    previous->swap(thread_);
   } else {
     lock.lock();
     if (!joinPrevious()) return;
   }
-  const auto run = beginRun(stopped);
+  const auto run = std::make_shared<Run>();
   const auto takeOver = [this, run, previous, cycles = std::move(body)] {
     struct Ender {
       BroadcastThread& thread;
@@ -35,9 +35,17 @@ void BroadcastThread::start(Body body, const std::function<bool()>& stopped) {
     const ThreadMark mark(this);
     cycles(run->stop);
   };
-  if (startThread(thread_, "broadcast thread", takeOver)) return;
-  run->stop.request();  // nobody is left to wait for
-  detachIfJoinable(*previous);
+  const auto before = run_.load();
+  previous->swap(thread_);
+  publish(run, stopped);
+  if (startThread(thread_, "broadcast thread", takeOver)) {
+    if (own && before) before->stop.request();
+    return;
+  }
+  previous->swap(thread_);  // the thread before, if there was one, goes on
+  if (own) publish(before, stopped);
+  if (own && before && run->stop.requested()) before->stop.request();
+  run->stop.request();
 }
 
 // The thread may be inside a function that closes this, and waits for the caller.
@@ -49,22 +57,24 @@ bool BroadcastThread::joinPrevious() {
     closed_.pauseMs(kRetestMs, [&run] { return run->ended.load(); });
   }
   if (!run->ended) return false;
-  thread_.join();
+  joinIfJoinable(thread_);
   return true;
 }
 
 // Published before it is asked about: a stop that comes in between finds one or the other.
-std::shared_ptr<BroadcastThread::Run> BroadcastThread::beginRun(
-    const std::function<bool()>& stopped) {
-  auto run = std::make_shared<Run>();
+void BroadcastThread::publish(const std::shared_ptr<Run>& run,
+                              const std::function<bool()>& stopped) {
   run_ = run;
-  if (closed_.requested() || stopped()) run->stop.request();
-  return run;
+  if (run && (closed_.requested() || stopped())) run->stop.request();
 }
 
 void BroadcastThread::runHere(const Body& body, const std::function<bool()>& stopped) {
-  auto run = run_.load();
-  if (!run) run = beginRun(stopped);
+  std::shared_ptr<Run> run = run_.load();
+  if (!run) {
+    std::lock_guard<std::mutex> lock(lifecycleLock_);
+    run = run_.load();
+    if (!run) publish(run = std::make_shared<Run>(), stopped);
+  }
   const ThreadMark mark(this);
   body(run->stop);
 }
@@ -77,8 +87,7 @@ void BroadcastThread::close(bool wait) {
   closed_.request();
   requestStop();  // also of a thread that has just been started
   if (!wait) return;
-  std::lock_guard<std::mutex> lock(lifecycleLock_);
-  joinIfJoinable(thread_);
+  if (const auto lock = lockOrLeave(lifecycleLock_)) joinIfJoinable(thread_);
 }
 
 std::shared_ptr<StopSignal> BroadcastThread::run() const {

@@ -45,7 +45,7 @@ class BroadcastThread {
     std::atomic<bool> ended{false};
   };
 
-  std::shared_ptr<Run> beginRun(const std::function<bool()>& stopped);
+  void publish(const std::shared_ptr<Run>& run, const std::function<bool()>& stopped);
   bool joinPrevious();
 
   std::mutex lifecycleLock_;

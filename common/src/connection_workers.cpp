@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "process_end.h"
 #include "worker_thread.h"
 
 namespace brix {

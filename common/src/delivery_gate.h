@@ -33,15 +33,16 @@ class DeliveryGate {
   ///   not for long: a delivery may itself be ending the process.
   /// @param own  number of deliveries that the caller is inside of
   void close(bool wait, int own = 0) {
-    constexpr std::chrono::milliseconds kLastWait{500};
     std::unique_lock<std::mutex> lock(mutex_);
     closed_ = true;
     if (!wait) return;
     const auto left = [&] { return running_ <= own; };
-    if (processEnds()) {
-      changed_.wait_for(lock, kLastWait, left);
-    } else {
+    if (!processEnds()) {
       changed_.wait(lock, left);
+      return;
+    }
+    while (!left() && !lastWaitOver()) {
+      changed_.wait_for(lock, std::chrono::milliseconds(1), left);
     }
   }
 

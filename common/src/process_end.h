@@ -1,19 +1,46 @@
 #pragma once
 
+#include <pthread.h>
+
+#include <mutex>
+#include <thread>
+
 namespace brix {
 
 /// Lets processEnds() tell objects that exist already that they are being destroyed because the
-/// process ends, whichever thread ends it.
+/// process ends, on whatever thread they are.
 void watchProcessEnd() noexcept;
 
-/// As above, for an end by the calling thread, however early it comes. The thread that loads the
-/// library needs no call.
-void watchEndByThisThread() noexcept;
+/// For destructors: finds out whether the calling thread is ending the process right now, however
+/// early in the life of the process that is. From then on processEnds() says so on every thread.
+void noticeProcessEnd() noexcept;
 
-/// Every thread may take the process for ended from now on.
+/// As above, for code that only runs at the end of the process.
 void announceProcessEnd() noexcept;
 
-/// @return whether the process has begun to end
+/// @return whether the process is known to end
 bool processEnds() noexcept;
+
+/// At the end of the process a thread may never get out of a callback: it may be ending the process
+/// as well. Then the waits of all stops together last one second at most.
+/// @return whether that second is over
+bool lastWaitOver() noexcept;
+void pauseInLastWait() noexcept;
+
+/// Joins a thread, at the end of the process only within the last wait; then it is detached.
+void joinOrLeave(pthread_t thread) noexcept;
+void joinIfJoinable(std::thread& handle) noexcept;
+
+/// Takes a lock, at the end of the process only within the last wait.
+template <typename Lockable>
+std::unique_lock<Lockable> lockOrLeave(Lockable& mutex) {
+  if (!processEnds()) return std::unique_lock<Lockable>(mutex);
+  std::unique_lock<Lockable> lock(mutex, std::try_to_lock);
+  while (!lock && !lastWaitOver()) {
+    pauseInLastWait();
+    lock.try_lock();
+  }
+  return lock;
+}
 
 }  // namespace brix

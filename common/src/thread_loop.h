@@ -43,6 +43,7 @@ class ThreadLoop {
   void request();
   void joinEnded();
   void awaitEnding(std::unique_lock<std::mutex>& lock);
+  void awaitEnded(std::unique_lock<std::mutex>& lock);
   bool enterLoop();
   bool leaveLoop();
   void ended();

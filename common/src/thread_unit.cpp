@@ -50,10 +50,19 @@ void ThreadLoop::stop() {
   request();
   if (onOwnThread()) return;
   ++stopping_;
-  changed_.wait(lock, [this] { return !alive_; });
+  awaitEnded(lock);
   --stopping_;
   joinEnded();
   changed_.notify_all();
+}
+
+void ThreadLoop::awaitEnded(std::unique_lock<std::mutex>& lock) {
+  const auto ended = [this] { return !alive_; };
+  if (!processEnds()) {
+    changed_.wait(lock, ended);
+    return;
+  }
+  while (alive_ && !lastWaitOver()) changed_.wait_for(lock, std::chrono::milliseconds(1), ended);
 }
 
 /// Waits until no stop is under way, unless this is the loop's own thread.
@@ -88,7 +97,7 @@ void ThreadLoop::release() {
 
 // The thread has left run(), or is about to: the join is short.
 void ThreadLoop::joinEnded() {
-  if (created_) pthread_join(thread_, nullptr);
+  if (created_) joinOrLeave(thread_);
   created_ = false;
 }
 
@@ -119,7 +128,6 @@ void ThreadLoop::ended() {
 
 void ThreadLoop::run(ThreadUnit& unit) {
   prctl(PR_SET_NAME, name_.c_str());  // a failure only costs the name
-  watchEndByThisThread();
   const ThreadMark mark(this);
   if (!enterLoop()) return;
   struct Leaver {  // a cycle may end its thread with pthread_exit
@@ -144,6 +152,7 @@ ThreadUnit::ThreadUnit(const std::string& name, double periodMs)
 }
 
 ThreadUnit::~ThreadUnit() {
+  noticeProcessEnd();
   loop_->release();
 }
 

@@ -17,10 +17,8 @@ namespace brix {
 template <typename Body>
 bool startThread(std::thread& handle, const char* what, Body&& body) {
   try {
-    handle = std::thread([run = std::forward<Body>(body)]() mutable {
-      watchEndByThisThread();
-      guarded("thread exception: %s", run);
-    });
+    handle = std::thread(
+        [run = std::forward<Body>(body)]() mutable { guarded("thread exception: %s", run); });
     return true;
   } catch (const std::exception& error) {
     BRIX_LOG_ERROR("start thread failed, %s: %s", what, error.what());
@@ -30,10 +28,6 @@ bool startThread(std::thread& handle, const char* what, Body&& body) {
 
 inline bool isOwnThread(const std::thread& handle) {
   return handle.get_id() == std::this_thread::get_id();
-}
-
-inline void joinIfJoinable(std::thread& handle) {
-  if (handle.joinable()) handle.join();
 }
 
 inline void detachIfJoinable(std::thread& handle) {

@@ -4,6 +4,7 @@
 
 #include "callback_guard.h"
 #include "log_macros.h"
+#include "process_end.h"
 #include "tcp_client_wrapper_state.h"
 
 namespace brix {
@@ -187,11 +188,12 @@ void TcpClientWrapper::State::disconnect() {
 // stop signal, which ends the pauses; 2. join the workers; 3. stop the unit's thread. Inside a
 // listener the workers are only asked; they end on this state.
 void TcpClientWrapper::State::release() {
+  noticeProcessEnd();
   destroyed.request();
   disconnect();
   const bool own = onOwnThread();
-  std::unique_lock<std::recursive_mutex> lock(connectLock, std::defer_lock);
-  if (!own) lock.lock();  // a listener may be connecting
+  std::unique_lock<std::recursive_mutex> lock;
+  if (!own) lock = lockOrLeave(connectLock);  // a listener may be connecting
   disconnect();
   retired.add(link.load());
   retired.join(own);

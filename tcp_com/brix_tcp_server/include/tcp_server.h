@@ -38,7 +38,7 @@ class TCP_COM_API TcpServer {
   /// Waits for the accept thread, so on a server that was not told to quit() it blocks until
   /// another thread does, on purpose; only at the end of the process it quits by itself. Then waits
   /// for the listeners that run, apart from the one that calls this, at the end of the process for
-  /// half a second at most; on the server's own threads and inside the connection listener for
+  /// one second at most; on the server's own threads and inside the connection listener for
   /// nothing else. The clients stay connected until they send or leave; nothing of this server
   /// is called for them any more.
   ~TcpServer();

@@ -4,6 +4,7 @@
 
 #include "brix_tcp_server_state.h"
 #include "log_macros.h"
+#include "process_end.h"
 #include "thread_mark.h"
 #include "worker_thread.h"
 
@@ -17,6 +18,7 @@ constexpr int kStarted = 1;
 BrixTcpServer::BrixTcpServer() : state_(std::make_shared<State>(this)) {}
 
 BrixTcpServer::~BrixTcpServer() {
+  noticeProcessEnd();
   state_->terminate();
   state_->release();
 }
@@ -119,8 +121,7 @@ void BrixTcpServer::State::terminate() {
   terminateHandlers();
   listening.end();
   if (ThreadMark::standsFor(this)) return;
-  std::lock_guard<std::mutex> lock(lifecycleLock);
-  joinWorkers();
+  if (const auto lock = lockOrLeave(lifecycleLock)) joinWorkers();
 }
 
 void BrixTcpServer::State::joinWorkers() {

@@ -8,6 +8,7 @@
 #include "callback_guard.h"
 #include "log_macros.h"
 #include "message_splitter.h"
+#include "process_end.h"
 #include "socket_owner.h"
 #include "stop_signal.h"
 #include "worker_thread.h"
@@ -68,7 +69,7 @@ TcpServerHandler::~TcpServerHandler() {
     if (isOwnThread(state_->thread)) {
       throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
     }
-    state_->thread.join();
+    joinIfJoinable(state_->thread);
   } catch (const std::system_error& error) {
     BRIX_LOG_ERROR("catch std::system_error %s", error.what());
     state_->thread.detach();

@@ -84,6 +84,7 @@ class BroadcastCore {
   void sendOne();
   void notify();
   void ended();
+  void lost();
   bool enterSend(SocketOwner& socket);
   void leaveSend();
 

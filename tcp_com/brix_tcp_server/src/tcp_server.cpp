@@ -131,14 +131,14 @@ void TcpServer::State::stop() {
   quit.request();
   listening.end();
   if (onAcceptThread()) return;
-  std::lock_guard<std::mutex> lock(lifecycleLock);
-  joinIfJoinable(acceptThread);
+  if (const auto lock = lockOrLeave(lifecycleLock)) joinIfJoinable(acceptThread);
 }
 
 // The server goes away. Nobody told it to stop: it waits for that, except at the end of the
 // process, when nobody is left to do it.
 void TcpServer::State::release(bool mayBlock) {
   const bool ownThread = onAcceptThread() || insideListener() || BroadcastCore::insideCallback();
+  noticeProcessEnd();
   StopSignal wait;
   while (mayBlock && !ownThread && accepting && !processEnds()) wait.pauseMs(kAcceptPauseMs);
   stop();

@@ -155,6 +155,10 @@ void BroadcastCore::setConnectionListener(std::function<void(bool)> listener) {
 }
 
 void BroadcastCore::run() {
+  struct Leaver {  // a listener may end its thread with pthread_exit
+    BroadcastCore& core;
+    ~Leaver() { core.quit_.requested() ? core.ended() : core.lost(); }
+  } const leaver{*this};
   const ThreadMark mark(this);
   BRIX_LOG_INFO("sender thread on...");
   while (!quit_.requested()) {
@@ -162,7 +166,6 @@ void BroadcastCore::run() {
     cycle();
   }
   BRIX_LOG_INFO("seneder quit...");
-  ended();
 }
 
 // What is removed is destroyed when the lock is free: it may hold whatever the application put into
@@ -200,6 +203,14 @@ void BroadcastCore::sendOne() {
       fn(number, msg);
     });
   }
+}
+
+// The sender was ended by a callback: who needs it next starts another one.
+void BroadcastCore::lost() {
+  std::lock_guard<std::mutex> lock(startLock_);
+  if (!isOwnThread(senderThread_)) return;
+  senderThread_.detach();
+  senderStarted_ = false;
 }
 
 // Numbers that wait for their removal are given back: no text can reach them any more.

@@ -183,6 +183,7 @@ void TcpServerWrapper::State::quitAll() {
 // The wrapper goes away. Inside one of its callbacks nobody is waited for who may wait for that
 // one.
 void TcpServerWrapper::State::release() {
+  noticeProcessEnd();
   const bool inside = ThreadMark::standsFor(this) || BroadcastCore::insideCallback();
   if (!inside) awaitQuit();
   connected = false;
