@@ -227,15 +227,26 @@ TEST_F(TcpServerWrapperTest, ADestructorInTheBroadcastFunctionEndsTheWaitForIt) 
   EXPECT_TRUE(test::ready(destroyed));
 }
 
-enum class End { AtOnce, LaterOnAForeignThread, InTheBroadcastFunction, InAHandler };
+enum class End {
+  AtOnce,
+  LaterOnAForeignThread,
+  InTheBroadcastFunction,
+  InAHandler,
+  AsAHandlerHangs
+};
 
 /// Ends the process while a static server runs.
 bool endWithAStaticServer(End end) {
   static TcpServerWrapper server(end == End::AtOnce ? 0 : -1);
   if (end == End::AtOnce) return true;
   const auto exitAt = [end](End here) { here == end ? std::exit(EXIT_SUCCESS) : void(); };
-  TcpServerWrapper::ObjectHandlerMap map{
-      {"exit", [=](const Json::Value& request) { return exitAt(End::InAHandler), request; }}};
+  static std::atomic<bool> inside{false};
+  TcpServerWrapper::ObjectHandlerMap map;
+  map["exit"] = [=](const Json::Value& request) {
+    exitAt(End::InAHandler);
+    for (inside = true;;) pause();
+    return request;
+  };
   server.setHandleMap(map);
   server.registerBroadcastFunc([=] { return exitAt(End::InTheBroadcastFunction), Json::Value(); },
                                1);
@@ -243,15 +254,16 @@ bool endWithAStaticServer(End end) {
   server.waitUntilListening(test::kDeadlineMs);
   std::vector<RawSocket> clients;
   for (int i = 0; i < 3; ++i) clients.push_back(RawSocket::connectTo(server.listeningPort()));
-  if (end == End::InAHandler) clients[0].send("{\"command\":\"exit\"}\r\n");
+  if (end >= End::InAHandler) clients[0].send("{\"command\":\"exit\"}\r\n");
+  if (end == End::AsAHandlerHangs) return eventually([] { return inside.load(); });
   if (end == End::LaterOnAForeignThread) std::thread(exitAt, end).join();
   for (;;) pause();
 }
 
 TEST(TcpServerWrapper, LetsTheProcessEndWithoutQuit) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  for (const End end :
-       {End::AtOnce, End::LaterOnAForeignThread, End::InTheBroadcastFunction, End::InAHandler}) {
+  for (const End end : {End::AtOnce, End::LaterOnAForeignThread, End::InTheBroadcastFunction,
+                        End::InAHandler, End::AsAHandlerHangs}) {
     EXPECT_EXIT(test::endProcessAfter([=] { return endWithAStaticServer(end); }),
                 testing::ExitedWithCode(0), "");
   }

@@ -170,8 +170,8 @@ void CommunicationClient::State::endLink() {
   disConnect();
   const auto last = link.load();
   if (last) last->stop.request();
-  if (onOwnThread()) return;
-  joinRetired();
+  if (onOwnThread() && !processEnds()) return;
+  retired.join(false);
   if (last) last->joinAll();
 }
 

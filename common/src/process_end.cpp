@@ -85,6 +85,10 @@ void joinOrLeave(pthread_t thread) noexcept {
 
 void joinIfJoinable(std::thread& handle) noexcept {
   if (!handle.joinable()) return;
+  if (handle.get_id() == std::this_thread::get_id()) {
+    handle.detach();
+    return;
+  }
   joinOrLeave(handle.native_handle());
   new (&handle) std::thread;  // the thread is not its own any more, and it has no way to say so
 }

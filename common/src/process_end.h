@@ -29,6 +29,8 @@ void pauseInLastWait() noexcept;
 
 /// Joins a thread, at the end of the process only within the last wait; then it is detached.
 void joinOrLeave(pthread_t thread) noexcept;
+
+/// As above; the calling thread itself is detached at once.
 void joinIfJoinable(std::thread& handle) noexcept;
 
 /// Takes a lock, at the end of the process only within the last wait.

@@ -196,7 +196,7 @@ void TcpClientWrapper::State::release() {
   if (!own) lock = lockOrLeave(connectLock);  // a listener may be connecting
   disconnect();
   retired.add(link.load());
-  retired.join(own);
+  retired.join(own && !processEnds());
   loop->stop();  // a cycle must not begin on a half-destroyed object
   listeners = nullptr;
 }

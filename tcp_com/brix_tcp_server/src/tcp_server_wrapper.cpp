@@ -188,7 +188,7 @@ void TcpServerWrapper::State::release() {
   if (!inside) awaitQuit();
   connected = false;
   quit.request();
-  broadcastThread.close(!inside);
+  broadcastThread.close(!inside || processEnds());
   server->release(!inside);
 }
 
