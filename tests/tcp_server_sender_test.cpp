@@ -74,6 +74,7 @@ bool endAt(Place place) {
   if (place >= Removal) leaves.close();
   if (place == SendFunction) sender().attachListener([=](auto&&...) { exitAt(SendFunction); }, 0);
   if (place < Removal) return sender().pushMsg(text) == 1 && stays.read(1) == "x";
+  while (place == Removal) pause();  // until the sender has ended the process
   bool ok = eventually([=] { return threads() == running - 2; });
   for (int i = 0; i < 3; ++i) ok = ok && sender().pushMsg(text) == 1;
   ok = ok && openDescriptors() == descriptors - 2 && residentKib() < kib + (64 << 10);

@@ -104,7 +104,7 @@ class TCP_COM_API CommunicationClient : public ThreadUnit {
 
   /// @name Thread bodies
   /// @{
-  void threadCycle() override;
+  void threadCycle() final;
   void broadcastDataFunc();
   void sendRequestFunc();
   void sendHeartbeatFunc();

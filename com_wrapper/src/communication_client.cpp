@@ -18,6 +18,7 @@ constexpr int kPaletteColor = 256;
 
 CommunicationClient::CommunicationClient()
     : ThreadUnit(kUnitName, kFirstPeriodMs), state_(std::make_shared<State>(loop())) {
+  loop()->setCycleOf(state_);
   setPeriod(state_->recvRate);
 }
 

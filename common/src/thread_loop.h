@@ -5,6 +5,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -30,9 +31,14 @@ class ThreadLoop {
   void release();
   void run(ThreadUnit& unit);
 
-  /// Lets the thread call `cycle` and never touch its unit, which may be under construction still.
-  /// Before the start only.
-  void setCycle(std::function<void()> cycle) { cycle_ = std::move(cycle); }
+  /// Lets the thread call state->cycle() and never touch its unit: a derived class may be under
+  /// construction still, or half destroyed. Before the start only.
+  template <typename State>
+  void setCycleOf(const std::shared_ptr<State>& state) {
+    cycle_ = [weak = std::weak_ptr<State>(state)] {
+      if (const auto held = weak.lock()) held->cycle();
+    };
+  }
 
   bool running() const { return running_.load(); }
   void setPeriod(double periodMs) { periodMs_.store(periodMs); }

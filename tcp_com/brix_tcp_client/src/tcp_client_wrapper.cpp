@@ -32,10 +32,7 @@ void logBanner() {
 
 TcpClientWrapper::TcpClientWrapper()
     : ThreadUnit(kUnitName, kFirstPeriodMs), state_(std::make_shared<State>(loop())) {
-  const std::weak_ptr<State> weak = state_;
-  loop()->setCycle([weak] {  // a derived class is not complete yet: no virtual call
-    if (const auto state = weak.lock()) state->cycle();
-  });
+  loop()->setCycleOf(state_);
   setPeriod(kPeriodMs);
   start();
 }
