@@ -10,6 +10,7 @@
 
 #include "basic_client_interface.h"
 #include "recieve_listener.h"
+#include "safety_options.h"
 #include "tcp_com_export.h"
 #include "thread_unit.h"
 
@@ -43,6 +44,9 @@ class TCP_COM_API CommunicationClient : public ThreadUnit {
   /// Sets the transport; must come before `connect`. A connection keeps the one that it was made
   /// with.
   void setClientHandle(std::shared_ptr<BasicClientInterface> handle);
+
+  /// Sets limits and checks, those of the transport among them; the next connection has them.
+  void setSafetyOptions(const ClientSafetyOptions& options);
 
   /// Turns progress lines and most failure lines on or off, the transport's among them.
   void setPrintFlag(bool print);

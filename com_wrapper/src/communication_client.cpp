@@ -32,6 +32,10 @@ void CommunicationClient::setClientHandle(std::shared_ptr<BasicClientInterface> 
   state_->clientHandle = std::move(handle);
 }
 
+void CommunicationClient::setSafetyOptions(const ClientSafetyOptions& options) {
+  state_->safety = options;
+}
+
 void CommunicationClient::setPrintFlag(bool print) {
   state_->printFlag = print;
   if (const auto handle = state_->clientHandle.load()) atomicStore(handle->logFlag, print);

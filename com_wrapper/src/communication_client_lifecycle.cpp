@@ -63,6 +63,7 @@ int CommunicationClient::State::connectLocked(ThreadUnit& unit,
                                               const std::shared_ptr<BasicClientInterface>& handle,
                                               double timeout) {
   loop->awaitEnding();  // a last cycle of the old connection must not read from the new one
+  if (const auto options = safety.load()) handle->setSafetyOptions(*options);
   const int result = handle->connectServer(timeout);
   if (result != kConnected) return result;
   if (broadcastMode && !loop->start(unit)) {
@@ -108,7 +109,8 @@ void CommunicationClient::State::joinRetired() {
 // Silence counts from here, not from the last chunk of the connection before.
 std::shared_ptr<ClientLink> CommunicationClient::State::beginLink(
     std::shared_ptr<BasicClientInterface> handle) {
-  auto next = std::make_shared<ClientLink>(heartbeatMode, std::move(handle));
+  auto next = std::make_shared<ClientLink>(heartbeatMode, std::move(handle),
+                                           safety.load().value_or(ClientSafetyOptions()));
   log_time::timer_start(next->recvTimer);
   link = next;
   connected = true;

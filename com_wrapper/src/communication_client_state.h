@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,11 +21,17 @@ namespace brix {
 /// What belongs to one connection: a new one never meets the texts, the silence or the watchdog of
 /// the one before.
 struct ClientLink : ConnectionWorkers {
-  ClientLink(bool heartbeatMode, std::shared_ptr<BasicClientInterface> transport)
-      : heartbeats(heartbeatMode), handle(std::move(transport)) {}
+  ClientLink(bool heartbeatMode, std::shared_ptr<BasicClientInterface> transport,
+             const ClientSafetyOptions& options)
+      : heartbeats(heartbeatMode),
+        handle(std::move(transport)),
+        maxMessageBytes(options.maxMessageBytes),
+        dropTail(options.dropStaleOnReconnect) {}
 
   const bool heartbeats;                               // whether it was begun in heartbeat mode
   const std::shared_ptr<BasicClientInterface> handle;  // the transport that was connected
+  const std::size_t maxMessageBytes;
+  bool dropTail;  // receive cycle only: the tail of the connection before is still to be dropped
   SwapQueue sendQueue;
   SwapQueue recvQueue;
   log_time::TimerUnit recvTimer;  // receive cycle only, as warnCount
@@ -62,6 +69,7 @@ class TCP_COM_HIDDEN CommunicationClient::State
   std::shared_ptr<ClientLink> currentLink() const { return link.load(); }
 
   ValueSlot<std::shared_ptr<BasicClientInterface>> clientHandle;
+  ValueSlot<std::optional<ClientSafetyOptions>> safety;
   std::atomic<double> sendRate{0.5};
   std::atomic<double> recvRate{0.5};
   std::atomic<bool> connected{false};

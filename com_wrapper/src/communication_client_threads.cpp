@@ -65,9 +65,13 @@ void CommunicationClient::State::warnOfSilence(ClientLink& own) {
 void CommunicationClient::State::cutMessages(ClientLink& own, const std::string& chunk,
                                              const std::string& delimiter) {
   std::vector<std::string> msgs;
+  if (std::exchange(own.dropTail, false)) recvBuffer.clear();
   recvBuffer.feed(chunk.data(), chunk.size(), msgs, delimiter);
   if (msgs.empty()) reportUnfinished(chunk);
   for (std::string& msg : msgs) own.recvQueue.push(std::move(msg));
+  if (!exceeds(own.maxMessageBytes, recvBuffer.buffer())) return;
+  recvBuffer.clear();
+  own.quitFlag = true;  // the next cycle disconnects
 }
 
 void CommunicationClient::State::reportUnfinished(const std::string& chunk) const {

@@ -29,13 +29,21 @@ class DataQueue {
 
   /// @return the oldest element, or an empty T if there is none
   T pop() {
-    if (empty()) return T();
+    T value{};
+    tryPop(value);
+    return value;
+  }
+
+  /// Takes the oldest element.
+  /// @return false if there is none; `value` is then left as it is
+  bool tryPop(T& value) {
+    if (empty()) return false;
     std::lock_guard<brix::LogMutex> lock(mutex_);
-    if (queue_.empty()) return T();
-    T value = std::move(queue_.front());
+    if (queue_.empty()) return false;
+    value = std::move(queue_.front());
     queue_.pop_front();
     hasData_.store(!queue_.empty(), std::memory_order_release);
-    return value;
+    return true;
   }
 
   /// Tells without taking the lock: consumers poll and must not disturb the producers.

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "log_macros.h"
 #include "message_splitter.h"
 
 namespace brix {
@@ -16,6 +17,13 @@ void addUnlessEmpty(std::vector<std::string>& msgs, const std::string& buffer, s
 }
 
 }  // namespace
+
+bool exceeds(std::size_t maxBytes, const std::string& unfinished) {
+  if (maxBytes == 0 || unfinished.size() <= maxBytes) return false;
+  BRIX_LOG_ERROR("unfinished message of %zu bytes is too long, connection ended",
+                 unfinished.size());
+  return true;
+}
 
 int decodeMsgs(std::string& buffer, std::vector<std::string>& msgs, const std::string& delimiter) {
   MessageSplitter splitter(std::move(buffer));

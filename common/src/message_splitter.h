@@ -11,6 +11,10 @@ inline bool endsWith(const std::string& text, const std::string& end) {
   return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
+/// @return whether an unfinished message is longer than `maxBytes`, with a log line then; 0 is no
+///   limit
+bool exceeds(std::size_t maxBytes, const std::string& unfinished);
+
 /// Cuts a byte stream into messages; the one mechanism behind decodeMsgs and every receiver.
 ///
 /// Holds the unfinished tail and how far it was searched, so that a large message that comes in
@@ -33,6 +37,13 @@ class MessageSplitter {
 
   /// The unfinished tail.
   const std::string& buffer() const { return buffer_; }
+
+  /// Drops the tail.
+  void clear() {
+    buffer_.clear();
+    buffer_.shrink_to_fit();
+    searched_ = 0;
+  }
 
   /// Gives the tail away.
   std::string takeBuffer() { return std::move(buffer_); }

@@ -102,13 +102,13 @@ ssize_t SocketOwner::recv(void* buffer, std::size_t size, int flags) noexcept {
   return received;
 }
 
-int SocketOwner::accept(sockaddr_in* peer) noexcept {
+int SocketOwner::accept(sockaddr_in& peer) noexcept {
   const Use use(*this);
   if (!use) return -1;
   int accepted = -1;
   do {
-    socklen_t size = sizeof *peer;
-    accepted = ::accept(fd_, reinterpret_cast<sockaddr*>(peer), peer == nullptr ? nullptr : &size);
+    socklen_t size = sizeof peer;
+    accepted = ::accept(fd_, reinterpret_cast<sockaddr*>(&peer), &size);
   } while (accepted == -1 && errno == EINTR);
   return accepted;
 }

@@ -58,9 +58,9 @@ class SocketOwner {
   /// @return as recv(2); -1 with EBADF after the end
   ssize_t recv(void* buffer, std::size_t size, int flags) noexcept;
 
-  /// @param peer  gets the address of who connected, unless null
+  /// @param peer  gets the address of who connected
   /// @return the accepted descriptor; -1 on an error and after the end
-  int accept(sockaddr_in* peer) noexcept;
+  int accept(sockaddr_in& peer) noexcept;
 
   /// @return false if `ms` milliseconds passed without anything to read
   bool waitReadable(double ms) noexcept;

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "safety_options.h"
 #include "tcp_com_export.h"
 
 namespace brix {
@@ -39,6 +40,9 @@ class TCP_COM_API BasicClientInterface {
   /// Waits until a read would not block, at most `ms` milliseconds.
   /// @return false if the time passed; true in the base, whose reads may then block
   virtual bool waitReadable(double ms);
+
+  /// Sets limits and checks, before connecting. Does nothing in the base.
+  virtual void setSafetyOptions(const ClientSafetyOptions& options);
 
   std::string delimiter;  ///< ends a message; set it before connecting
   bool logFlag;           ///< whether progress and failures are logged

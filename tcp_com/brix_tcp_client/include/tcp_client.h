@@ -2,13 +2,18 @@
 /// The client socket.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
+#include <cstddef>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
 
 #include "basic_client_interface.h"
+
+struct sockaddr_in;
 
 namespace brix {
 
@@ -65,6 +70,10 @@ class TCP_COM_API TcpClient : public BasicClientInterface {
   ///   stream's end and without socket, where reads return at once
   bool waitReadable(double ms) override;
 
+  /// strictAddress, reclaimDescriptors and peerTimeoutMs are this class's. With the last one a send
+  /// that is cut short has failed.
+  void setSafetyOptions(const ClientSafetyOptions& options) override;
+
  private:
   int openSocket();
   bool connectSocket(int fd) const;
@@ -72,10 +81,16 @@ class TCP_COM_API TcpClient : public BasicClientInterface {
   std::shared_ptr<SocketOwner> owner() const;
   void adopt(int fd);
   void lose(const std::shared_ptr<SocketOwner>& failed);
+  void giveUp(SocketOwner& left);
+  bool cutShort(ssize_t sent, std::size_t size) const;
+  bool readAddress(sockaddr_in& address) const;
 
   std::string serverAddress_;
   int serverPort_;
   std::atomic<int> socket_{-1};  // -1: none. Keeps its number after closeClient().
+  std::atomic<bool> strictAddress_{false};
+  std::atomic<bool> reclaimDescriptors_{false};
+  std::atomic<int> peerTimeoutMs_{0};
   std::deque<std::string> receivedTexts_;
   std::string spareText_;
 

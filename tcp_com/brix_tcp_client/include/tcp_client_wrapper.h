@@ -6,6 +6,7 @@
 #include <string>
 
 #include "recieve_listener.h"
+#include "safety_options.h"
 #include "tcp_com_export.h"
 #include "thread_unit.h"
 
@@ -37,6 +38,9 @@ class TCP_COM_API TcpClientWrapper : public ThreadUnit {
 
   TcpClientWrapper(const TcpClientWrapper&) = delete;
   TcpClientWrapper& operator=(const TcpClientWrapper&) = delete;
+
+  /// Sets limits and checks; the next connection has them.
+  void setSafetyOptions(const ClientSafetyOptions& options);
 
   /// Connects, waiting one second at most, and starts the threads. While connected it disconnects
   /// first and pauses 3 s. Two threads that connect do so one after the other; inside a listener it

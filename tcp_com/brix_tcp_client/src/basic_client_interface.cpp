@@ -18,4 +18,6 @@ bool BasicClientInterface::waitReadable(double /*ms*/) {
   return true;
 }
 
+void BasicClientInterface::setSafetyOptions(const ClientSafetyOptions& /*options*/) {}
+
 }  // namespace brix

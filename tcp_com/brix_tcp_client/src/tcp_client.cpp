@@ -13,6 +13,7 @@
 
 #include "atomic_access.h"
 #include "log_macros.h"
+#include "peer_timeout.h"
 #include "socket_owner.h"
 #include "tcp_address.h"
 
@@ -71,7 +72,22 @@ bool finishConnect(int fd) {
 TcpClient::TcpClient(const std::string& ip, int port) : serverAddress_(ip), serverPort_(port) {}
 
 TcpClient::~TcpClient() {
-  if (owner_) owner_->abandon();
+  if (owner_) giveUp(*owner_);
+}
+
+void TcpClient::setSafetyOptions(const ClientSafetyOptions& options) {
+  strictAddress_ = options.strictAddress;
+  reclaimDescriptors_ = options.reclaimDescriptors;
+  peerTimeoutMs_ = options.peerTimeoutMs;
+}
+
+// Its descriptor has always stayed open, unless that is unwanted.
+void TcpClient::giveUp(SocketOwner& left) {
+  if (reclaimDescriptors_) {
+    left.end();
+  } else {
+    left.abandon();
+  }
 }
 
 bool TcpClient::logging() const {
@@ -86,14 +102,14 @@ std::shared_ptr<SocketOwner> TcpClient::owner() const {
 void TcpClient::adopt(int fd) {
   auto next = std::make_shared<SocketOwner>(fd);
   std::lock_guard<std::mutex> lock(ownerLock_);
-  if (owner_) owner_->abandon();
+  if (owner_) giveUp(*owner_);
   owner_ = std::move(next);
   socket_ = fd;
 }
 
 // Another thread may have connected anew meanwhile: only the socket that failed is given up.
 void TcpClient::lose(const std::shared_ptr<SocketOwner>& failed) {
-  failed->abandon();
+  giveUp(*failed);
   std::lock_guard<std::mutex> lock(ownerLock_);
   if (owner_ == failed) socket_ = kNoSocket;
 }
@@ -113,6 +129,7 @@ int TcpClient::connectServer(double /*timeout*/) {
   const bool connected = connectSocket(fd);
   setBlocking(fd, true);
   if (connected) {
+    setPeerTimeout(fd, peerTimeoutMs_);
     adopt(fd);
     if (logging()) BRIX_LOG_INFO("connect successful");
     return kConnected;
@@ -143,18 +160,26 @@ int TcpClient::openSocket() {
   if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay) != 0) {
     if (logging()) BRIX_LOG_ERROR("Fail to set socket option socket:%d", fd);
     BRIX_PRINT_ERRNO("connectServer");
-    return kNoSocket;  // the descriptor stays open: the class has always behaved so
+    if (reclaimDescriptors_) close(fd);
+    return kNoSocket;
   }
   return fd;
 }
 
+/// @return false if the connect is to fail
+bool TcpClient::readAddress(sockaddr_in& address) const {
+  if (!isPort(serverPort_)) return false;
+  address = socketAddress(serverPort_);
+  const bool parsed = inet_pton(AF_INET, serverAddress_.c_str(), &address.sin_addr) == 1;
+  return parsed || !strictAddress_;  // unparsable: stays zero
+}
+
 bool TcpClient::connectSocket(int fd) const {
-  if (!isPort(serverPort_)) {
+  sockaddr_in address{};
+  if (!readAddress(address)) {
     errno = EINVAL;
     return false;
   }
-  sockaddr_in address = socketAddress(serverPort_);
-  inet_pton(AF_INET, serverAddress_.c_str(), &address.sin_addr);  // unparsable: stays zero
   const bool atOnce =
       ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != -1;
   const int connectError = errno;
@@ -164,11 +189,16 @@ bool TcpClient::connectSocket(int fd) const {
   return false;
 }
 
+// The peer does not read, and what follows would break the message that was cut.
+bool TcpClient::cutShort(ssize_t sent, std::size_t size) const {
+  return peerTimeoutMs_ > 0 && sent != static_cast<ssize_t>(size);
+}
+
 void TcpClient::sendMsg(const std::string& msg) {
   const auto socket = owner();
   if (!socket) return;
   const ssize_t sent = socket->send(msg.data(), msg.size(), MSG_NOSIGNAL);
-  if (sent >= 0) return;
+  if (sent >= 0 && !cutShort(sent, msg.size())) return;
   if (logging()) BRIX_LOG_ERROR("send failed %d.", static_cast<int>(sent));
   lose(socket);
 }
@@ -176,7 +206,9 @@ void TcpClient::sendMsg(const std::string& msg) {
 void TcpClient::sendMsg(const char* data, int len) {
   const auto socket = owner();
   if (!socket || data == nullptr || len < 0) return;
-  socket->send(data, static_cast<std::size_t>(len), MSG_NOSIGNAL);  // the next read shows a failure
+  const auto size = static_cast<std::size_t>(len);
+  const ssize_t sent = socket->send(data, size, MSG_NOSIGNAL);
+  if (cutShort(sent, size)) lose(socket);  // any other failure shows in the next read
 }
 
 void TcpClient::closeClient() {

@@ -41,6 +41,10 @@ TcpClientWrapper::~TcpClientWrapper() {
   state_->release();
 }
 
+void TcpClientWrapper::setSafetyOptions(const ClientSafetyOptions& options) {
+  state_->safety = options;
+}
+
 int TcpClientWrapper::connectSocket(const std::string& ip, int port) {
   const auto state = state_;
   return state->connect(*this, ip, port);
@@ -112,7 +116,9 @@ int TcpClientWrapper::State::connect(ThreadUnit& unit, const std::string& ip, in
 }
 
 int TcpClientWrapper::State::connectLocked(ThreadUnit& unit, const std::string& ip, int port) {
+  const ClientSafetyOptions options = safety.load();
   const auto client = std::make_shared<TcpClient>(ip, port);
+  client->setSafetyOptions(options);
   const int result =
       destroyed.requested() ? kNotConnected : client->connectServer(kConnectTimeoutS);
   if (result != kConnected) {
@@ -120,7 +126,8 @@ int TcpClientWrapper::State::connectLocked(ThreadUnit& unit, const std::string& 
                           "TCP connected failed, ip %s, port %d", ip.c_str(), port);
     return kNotConnected;
   }
-  const auto own = beginLink(client, result);
+  if (options.dropStaleOnReconnect) requestQueue.clear();
+  const auto own = beginLink(client, options, result);
   BRIX_LOG_INFO("Tcp connect socket [%s : %d] success, handle id %d", ip.c_str(), port, result);
   logBanner();
   bool started = false;
@@ -150,8 +157,9 @@ bool TcpClientWrapper::State::startWorker(const std::shared_ptr<WrapperLink>& ow
 }
 
 std::shared_ptr<WrapperLink> TcpClientWrapper::State::beginLink(std::shared_ptr<TcpClient> client,
+                                                                const ClientSafetyOptions& options,
                                                                 int result) {
-  auto next = std::make_shared<WrapperLink>(std::move(client));
+  auto next = std::make_shared<WrapperLink>(std::move(client), options);
   std::lock_guard<std::mutex> lock(linkLock);
   retired.add(link.load());
   link = next;
@@ -170,7 +178,7 @@ void TcpClientWrapper::State::endLink(WrapperLink& ended) {
 
 std::shared_ptr<WrapperLink> TcpClientWrapper::State::linkOrEnded() const {
   if (auto current = link.load()) return current;
-  auto ended = std::make_shared<WrapperLink>(nullptr);
+  auto ended = std::make_shared<WrapperLink>(nullptr, ClientSafetyOptions());
   ended->stop.request();
   return ended;
 }

@@ -20,8 +20,13 @@ namespace brix {
 
 /// One connection of the wrapper. It is over when its stop signal is set.
 struct WrapperLink : ConnectionWorkers {
-  explicit WrapperLink(std::shared_ptr<TcpClient> transport) : client(std::move(transport)) {}
+  WrapperLink(std::shared_ptr<TcpClient> transport, const ClientSafetyOptions& options)
+      : client(std::move(transport)),
+        maxMessageBytes(options.maxMessageBytes),
+        dropTail(options.dropStaleOnReconnect) {}
   const std::shared_ptr<TcpClient> client;
+  const std::size_t maxMessageBytes;
+  bool dropTail;  // receive step only: the tail of the connection before is still to be dropped
 };
 
 /// What the wrapper shares with its threads: a listener on one of them may destroy the wrapper.
@@ -49,11 +54,14 @@ class TCP_COM_HIDDEN TcpClientWrapper::State
   /// @return the last connection, or one that is over
   std::shared_ptr<WrapperLink> linkOrEnded() const;
 
+  ValueSlot<ClientSafetyOptions> safety;
+
  private:
   using Listeners = std::vector<iRecieveListener*>;
 
   int connectLocked(ThreadUnit& unit, const std::string& ip, int port);
-  std::shared_ptr<WrapperLink> beginLink(std::shared_ptr<TcpClient> client, int result);
+  std::shared_ptr<WrapperLink> beginLink(std::shared_ptr<TcpClient> client,
+                                         const ClientSafetyOptions& options, int result);
   void endLink(WrapperLink& ended);
   bool startThreads(ThreadUnit& unit, const std::shared_ptr<WrapperLink>& own);
   bool startWorker(const std::shared_ptr<WrapperLink>& own, std::thread& worker, const char* name,

@@ -35,8 +35,12 @@ void TcpClientWrapper::State::cycle() {
   }
   timedOut = false;
   std::vector<std::string> msgs;
+  if (std::exchange(own->dropTail, false)) receiveBuffer.clear();
   receiveBuffer.feed(text.data(), text.size(), msgs, kDelimiter);
   for (std::string& msg : msgs) recievedQueue.push(std::move(msg));
+  if (!exceeds(own->maxMessageBytes, receiveBuffer.buffer())) return;
+  receiveBuffer.clear();
+  endLink(*own);
 }
 
 void TcpClientWrapper::State::broadcastLoop(WrapperLink& own) {

@@ -8,6 +8,7 @@
 
 #include "basic_server_interface.h"
 #include "callback_slot.h"
+#include "safety_options.h"
 #include "tcp_com_export.h"
 
 namespace brix {
@@ -44,6 +45,9 @@ class TCP_COM_API TcpServerHandler {
 
   /// @return false if no thread could be created; the connection is then closed
   bool started() const;
+
+  /// Sets maxMessageBytes and peerTimeoutMs; to be called before release().
+  void setSafetyOptions(const ServerSafetyOptions& options);
 
   /// Lets a handler that was created Held read.
   void release();
@@ -86,6 +90,10 @@ class TCP_COM_API BrixTcpServer : public BasicServerInterface {
 
   BrixTcpServer(const BrixTcpServer&) = delete;
   BrixTcpServer& operator=(const BrixTcpServer&) = delete;
+
+  /// Sets limits and checks; to be called before the start.
+  /// @return false, with a log line and nothing changed, if allowedPeers cannot be read
+  bool setSafetyOptions(const ServerSafetyOptions& options);
 
   /// Starts the threads. Call it once: on a running server it is refused with a log line, and a
   /// stopped server stays stopped.

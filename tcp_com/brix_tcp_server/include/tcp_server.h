@@ -7,6 +7,7 @@
 #include <string>
 
 #include "recieve_listener.h"
+#include "safety_options.h"
 #include "tcp_com_export.h"
 
 namespace brix {
@@ -45,6 +46,11 @@ class TCP_COM_API TcpServer {
 
   TcpServer(const TcpServer&) = delete;
   TcpServer& operator=(const TcpServer&) = delete;
+
+  /// Sets limits and checks; to be called before createSocket(). The limit of queued bytes is that
+  /// of the process's broadcaster: the last one set holds.
+  /// @return false, with a log line and nothing changed, if allowedPeers cannot be read
+  bool setSafetyOptions(const ServerSafetyOptions& options);
 
   /// Starts the accept thread. Must not be called again before quit(), not even if the port could
   /// not be opened: it is refused with a log line. After quit() it opens the port and closes it

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "recieve_listener.h"
+#include "safety_options.h"
 #include "tcp_com_export.h"
 
 namespace brix {
@@ -50,6 +51,10 @@ class TCP_COM_API TcpServerWrapper : public iRecieveListener {
 
   TcpServerWrapper(const TcpServerWrapper&) = delete;
   TcpServerWrapper& operator=(const TcpServerWrapper&) = delete;
+
+  /// Sets limits and checks; to be called before init().
+  /// @return false, with a log line and nothing changed, if allowedPeers cannot be read
+  bool setSafetyOptions(const ServerSafetyOptions& options);
 
   /// Opens the port. Must not be called while the server runs: it is refused with a log line. After
   /// quit() the server stays stopped, on purpose.

@@ -41,6 +41,14 @@ void BrixTcpServer::registerMsgListener(std::function<void(const std::string&)> 
   state_->msgListener = std::move(listener);
 }
 
+bool BrixTcpServer::setSafetyOptions(const ServerSafetyOptions& options) {
+  if (!state_->listening.setSafetyOptions(options)) return false;
+  state_->sendQueue.setLimit(options.maxQueuedBytes);
+  state_->recvQueue.setLimit(options.maxQueuedBytes);
+  state_->safety = options;
+  return true;
+}
+
 void BrixTcpServer::sendMsg(const std::string& msg) {
   state_->sendQueue.push(msg + delimiter);
 }
@@ -68,7 +76,7 @@ void BrixTcpServer::popSocketHandle(int id) {
   state_->popSocketHandle(id);
 }
 void BrixTcpServer::recieveMsgCallback(const std::string& msg) {
-  state_->recvQueue.push(msg);
+  state_->queueReceived(msg);
 }
 void BrixTcpServer::connectionNotify(bool connected) {
   state_->connectionNotify(connected);

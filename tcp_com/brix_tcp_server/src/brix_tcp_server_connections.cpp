@@ -1,5 +1,6 @@
 // The server's accept and monitor threads: connections come and go.
 
+#include <netinet/in.h>
 #include <unistd.h>
 
 #include <utility>
@@ -13,6 +14,7 @@ namespace brix {
 namespace {
 
 constexpr double kAcceptPauseMs = 10;
+constexpr double kFullQueuePauseMs = 1;
 
 }  // namespace
 
@@ -28,7 +30,8 @@ void BrixTcpServer::State::acceptLoop(int port) {
     quit.pauseMs(kAcceptPauseMs);
     BRIX_LOG_INFO("tcp server waiting for client on port %d, base socket %d...", port,
                   listening.number());
-    const int socket = listening.accept(nullptr);
+    sockaddr_in peer{};
+    const int socket = listening.accept(peer, connectionCount());
     if (socket >= 0) guarded("creatSocketHandle exception: %s", [&] { createHandler(socket); });
   }
   BRIX_LOG_INFO("tcp server exit");
@@ -49,14 +52,26 @@ void BrixTcpServer::State::createHandler(int socket) {
   if (!made || !handler->started()) return;
   const std::weak_ptr<State> weak = weak_from_this();
   handler->msgCallback = [weak](const std::string& msg) {
-    if (const auto state = weak.lock()) state->recvQueue.push(msg);
+    if (const auto state = weak.lock()) state->queueReceived(msg);
   };
   handler->quitCallback = [weak](int ended) {
     if (const auto state = weak.lock()) state->popSocketHandle(ended);
   };
   handler->delimiter = ownDelimiter();
+  handler->setSafetyOptions(safety.load());
   insertHandler(id, handler);
   handler->release();
+}
+
+// A client that sends faster than the listener takes waits: its messages are not to be lost.
+void BrixTcpServer::State::queueReceived(const std::string& msg) {
+  while (recvQueue.full() && !quit.requested()) quit.pauseMs(kFullQueuePauseMs);
+  recvQueue.push(msg);
+}
+
+int BrixTcpServer::State::connectionCount() const {
+  std::lock_guard<std::mutex> lock(mapLock);
+  return static_cast<int>(connections.size());
 }
 
 void BrixTcpServer::State::insertHandler(int id, const std::shared_ptr<TcpServerHandler>& handler) {

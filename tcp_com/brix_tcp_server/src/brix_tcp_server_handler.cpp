@@ -1,3 +1,4 @@
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <system_error>
@@ -41,6 +42,8 @@ struct TCP_COM_HIDDEN TcpServerHandler::State {
   std::thread thread;  // creator and destructor only
   ValueSlot<std::string> delimiter;
   [[maybe_unused]] int reserved = 0;
+  std::atomic<std::size_t> maxMessageBytes{0};
+  std::atomic<bool> cutStalled{false};
 
   std::mutex gateLock;  // guards released
   std::condition_variable gate;
@@ -80,6 +83,11 @@ bool TcpServerHandler::started() const {
   return state_->thread.joinable();
 }
 
+void TcpServerHandler::setSafetyOptions(const ServerSafetyOptions& options) {
+  state_->maxMessageBytes = options.maxMessageBytes;
+  state_->cutStalled = options.peerTimeoutMs > 0;
+}
+
 void TcpServerHandler::release() {
   state_->open();
 }
@@ -90,7 +98,9 @@ void TcpServerHandler::recieveThreadFunc(int interval) {
 }
 
 void TcpServerHandler::sendMsg(const std::string& data) {
-  state_->socket.send(data.data(), data.size(), 0);  // a lost client shows on the receiving side
+  const ssize_t sent = state_->socket.send(data.data(), data.size(), 0);
+  // A lost client shows on the receiving side, but one that does not read only here.
+  if (state_->cutStalled && sent != static_cast<ssize_t>(data.size())) state_->socket.end();
 }
 
 void TcpServerHandler::terminate() {
@@ -138,7 +148,7 @@ bool TcpServerHandler::State::receiveChunk(std::vector<char>& block) {
     if (quit.requested()) return false;
     guarded("message callback exception: %s", [&] { msgCallback(msg); });
   }
-  return true;
+  return !exceeds(maxMessageBytes, splitter.buffer());
 }
 
 void TcpServerHandler::State::finish() {

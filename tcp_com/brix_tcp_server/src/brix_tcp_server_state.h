@@ -11,9 +11,9 @@
 
 #include "brix_tcp_server.h"
 #include "callback_slot.h"
-#include "data_queue.h"
 #include "listen_socket.h"
 #include "stop_signal.h"
+#include "text_queue.h"
 
 namespace brix {
 
@@ -32,7 +32,7 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
     const char* delayText;
     const char* exitText;
     double BasicServerInterface::*rate;
-    DataQueue<std::string>& queue;
+    TextQueue& queue;
     std::mutex& lock;
     std::atomic<bool>& ended;
     void (State::*deliver)(const std::string& msg);
@@ -48,6 +48,8 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
 
   void acceptLoop(int port);
   void createHandler(int socket);
+  int connectionCount() const;
+  void queueReceived(const std::string& msg);
   void insertHandler(int id, const std::shared_ptr<TcpServerHandler>& handler);
   void connectionNotify(bool value);
 
@@ -76,8 +78,9 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   [[maybe_unused]] int reserved = 0;
   StopSignal quit;
   ListenSocket listening{quit};
-  DataQueue<std::string> sendQueue;
-  DataQueue<std::string> recvQueue;
+  ValueSlot<ServerSafetyOptions> safety;
+  TextQueue sendQueue;
+  TextQueue recvQueue;
   CallbackSlot<void(bool)> connectionListener;
   CallbackSlot<void(const std::string&)> msgListener;
   std::thread acceptThread;  // lifecycleLock, as the three below

@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "callback_slot.h"
-#include "data_queue.h"
 #include "log_facade.h"
 #include "socket_owner.h"
 #include "stop_signal.h"
+#include "text_queue.h"
 
 namespace brix {
 
@@ -57,6 +57,7 @@ class BroadcastCore {
 
   int push(const std::string& msg);
   void setConnectionListener(std::function<void(bool)> listener);
+  void setQueueLimit(std::size_t bytes) { msgQueue_.setLimit(bytes); }
   std::size_t count() const { return count_; }
   void run();
 
@@ -96,7 +97,7 @@ class BroadcastCore {
   std::atomic<std::size_t> count_{0};  // of listenerMap_, for those who do not take the lock
   std::atomic<bool> sending_{true};    // until the sender has ended
   StopSignal quit_;
-  DataQueue<std::string> msgQueue_;
+  TextQueue msgQueue_;
   std::mutex startLock_;
   std::thread senderThread_;                // startLock_
   std::atomic<bool> senderStarted_{false};  // for those who do not take the lock

@@ -1,10 +1,13 @@
 #include "listen_socket.h"
 
+#include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 
+#include "peer_timeout.h"
 #include "tcp_address.h"
 
 namespace brix {
@@ -20,6 +23,25 @@ void sendAtOnce(int socket) {
 }
 
 }  // namespace
+
+bool ListenSocket::setSafetyOptions(const ServerSafetyOptions& options) {
+  if (!guard_.configure(options)) return false;
+  std::lock_guard<std::mutex> lock(mutex_);
+  bindAddress_ = options.bindAddress;
+  peerTimeoutMs_ = options.peerTimeoutMs;
+  return true;
+}
+
+int ListenSocket::peerTimeoutMs() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return peerTimeoutMs_;
+}
+
+/// @return false if an address is set that is none
+bool ListenSocket::readBindAddress(sockaddr_in& address) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return bindAddress_.empty() || inet_pton(AF_INET, bindAddress_.c_str(), &address.sin_addr) == 1;
+}
 
 const char* ListenSocket::open() {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -41,7 +63,7 @@ const char* ListenSocket::listenOn(int port) {
   setsockopt(use.fd(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
   sockaddr_in address = socketAddress(port);
   auto* const raw = reinterpret_cast<sockaddr*>(&address);
-  if (!isPort(port) || bind(use.fd(), raw, sizeof address) != 0) {
+  if (!isPort(port) || !readBindAddress(address) || bind(use.fd(), raw, sizeof address) != 0) {
     publish(true, 0);
     return "Unable to bind";
   }
@@ -55,10 +77,16 @@ const char* ListenSocket::listenOn(int port) {
   return nullptr;
 }
 
-int ListenSocket::accept(sockaddr_in* peer) {
+int ListenSocket::accept(sockaddr_in& peer, int clients) {
   const auto opened = socket();
   const int client = opened ? opened->accept(peer) : -1;
-  if (client >= 0) sendAtOnce(client);
+  if (client < 0) return client;
+  if (!guard_.admits(peer, clients)) {
+    close(client);
+    return kRefused;
+  }
+  sendAtOnce(client);
+  setPeerTimeout(client, peerTimeoutMs());
   return client;
 }
 

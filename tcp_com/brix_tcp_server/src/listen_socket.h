@@ -4,6 +4,8 @@
 #include <memory>
 #include <mutex>
 
+#include "accept_guard.h"
+#include "safety_options.h"
 #include "socket_owner.h"
 #include "stop_signal.h"
 
@@ -16,18 +18,28 @@ class ListenSocket {
   /// @param stop  the server's stop; once asked for, no port is announced any more
   explicit ListenSocket(const StopSignal& stop) : stop_(stop) {}
 
+  /// To be called before listenOn().
+  /// @return false, with a log line and nothing changed, if a value is not valid
+  bool setSafetyOptions(const ServerSafetyOptions& options);
+
   /// Opens the socket, in the place of an earlier one.
   /// @return null, or what failed, for the log
   const char* open();
 
-  /// Binds to the port on every local address, and listens. A failure leaves the socket open.
+  /// Binds to the port, on every local address unless one is set, and listens. A failure leaves the
+  /// socket open.
   /// @return as above
   const char* listenOn(int port);
 
+  /// What accept() returns for a client that it has closed again.
+  static constexpr int kRefused = -2;
+
   /// Waits for a client.
-  /// @param peer  gets its address unless null
-  /// @return its descriptor, which sends small messages at once; -1 on an error and after the end
-  int accept(sockaddr_in* peer);
+  /// @param peer  gets its address
+  /// @param clients  that are connected already
+  /// @return its descriptor, which sends small messages at once; kRefused; -1 on an error and after
+  ///   the end
+  int accept(sockaddr_in& peer, int clients);
 
   /// The accept thread could not be started.
   void fail();
@@ -46,13 +58,18 @@ class ListenSocket {
 
  private:
   std::shared_ptr<SocketOwner> socket() const;
+  int peerTimeoutMs() const;
+  bool readBindAddress(sockaddr_in& address) const;
   void publish(bool failed, int port);
 
   const StopSignal& stop_;
-  mutable std::mutex mutex_;  // innermost
+  AcceptGuard guard_;
+  mutable std::mutex mutex_;  // innermost; guards what follows
   mutable std::condition_variable changed_;
   std::shared_ptr<SocketOwner> socket_;
   int port_ = 0;
+  std::string bindAddress_;
+  int peerTimeoutMs_ = 0;
   bool failed_ = false;
 };
 

@@ -23,11 +23,12 @@ constexpr char kBanner[] = "*************************************************";
 
 std::atomic<int> uniqueId{0};  // of the process, as all servers count together
 
-void transmit(SocketOwner& socket, const std::string& data) {
+/// @param whole  whether a send that was cut short has failed
+void transmit(SocketOwner& socket, const std::string& data, bool whole) {
   const BroadcastCore::Sending sending(socket);
   if (!sending) return;
   const ssize_t sent = socket.send(data.data(), data.size(), 0);
-  if (sent < 0) {
+  if (sent < 0 || (whole && sent != static_cast<ssize_t>(data.size()))) {
     socket.end();
     BRIX_LOG_ERROR("send error,close the socket.");
   } else if (sent == 0) {
@@ -48,6 +49,12 @@ TcpServer::~TcpServer() {
 void TcpServer::release(bool mayBlock) {
   const auto state = state_;
   state->release(mayBlock);
+}
+
+bool TcpServer::setSafetyOptions(const ServerSafetyOptions& options) {
+  if (!state_->listening.setSafetyOptions(options)) return false;
+  state_->applyOptions(options);
+  return true;
 }
 
 void TcpServer::createSocket(int port) {
@@ -92,6 +99,15 @@ int TcpServer::listeningPort() const {
 bool TcpServer::waitUntilListening(double timeoutMs) const {
   const auto state = state_;
   return state->listening.waitUntilListening(timeoutMs);
+}
+
+void TcpServer::State::applyOptions(const ServerSafetyOptions& options) {
+  maxClients = options.maxClients;
+  maxMessageBytes = options.maxMessageBytes;
+  cutStalled = options.peerTimeoutMs > 0;
+  controlTexts = options.controlTexts;
+  perClientBuffer = options.perClientBuffer;
+  BroadcastCore::started().setQueueLimit(options.maxQueuedBytes);
 }
 
 TcpServer::State::~State() {
@@ -157,11 +173,11 @@ void TcpServer::State::attachListener(iRecieveListener* listener) {
 // A number that is no client's is the caller's business, as it stands.
 void TcpServer::State::broadcastData(int socket, const std::string& data) {
   if (const auto client = findClient(socket)) {
-    transmit(client->socket, data);
+    transmit(client->socket, data, client->whole);
     return;
   }
   SocketOwner given(socket);
-  transmit(given, data);
+  transmit(given, data, false);
   given.abandon();
 }
 
@@ -187,10 +203,11 @@ void TcpServer::State::acceptLoop(int port) {
 }
 
 void TcpServer::State::acceptOne(int port) {
-  if (connectionCount > kMostBeforeAccept) return;
+  if (maxClients == 0 && connectionCount > kMostBeforeAccept) return;
   BRIX_LOG_INFO("TCPServer Waiting for client on port %d...", port);
   sockaddr_in peer{};
-  const int socket = listening.accept(&peer);
+  const int socket = listening.accept(peer, clientCount);
+  if (socket == ListenSocket::kRefused) return;
   if (socket < 0) {
     BRIX_LOG_INFO("accept connection failed! errno = %d", kUnreportedErrno);
     return;
@@ -219,6 +236,7 @@ void TcpServer::State::admit(const std::shared_ptr<Reservation>& reservation,
   BRIX_LOG_INFO("connection from (%s , %d)", address, static_cast<int>(ntohs(peer.sin_port)));
   const int id = ++uniqueId;
   const std::shared_ptr<Client> client = reservation->client;
+  client->whole = cutStalled.load();
   std::unique_lock<std::mutex> registering(client->registering);
   std::thread thread;
   const auto body = [state = shared_from_this(), reservation] { state->serve(reservation); };
@@ -227,10 +245,14 @@ void TcpServer::State::admit(const std::shared_ptr<Reservation>& reservation,
     return;
   }
   thread.detach();
+  client->admitted = true;
+  ++clientCount;
   const int count = ++connectionCount;
   BRIX_LOG_INFO("current connection counts %d, unique id %d", count, id);
   BRIX_LOG_INFO(kBanner);
-  const auto send = [client](int, const std::string& text) { transmit(client->socket, text); };
+  const auto send = [client](int, const std::string& text) {
+    transmit(client->socket, text, client->whole);
+  };
   BroadcastCore::started().attachUnless(quit, send, client->socket.number());
 }
 

@@ -77,20 +77,33 @@ TcpServer::State::Ending TcpServer::State::receive(Client& client) {
     if (received == 0) return Ending::PeerClosed;
     chunk[received] = '\0';
     const std::size_t size = std::strlen(chunk);  // what follows a NUL is ignored
-    if (std::strcmp(chunk, "q") == 0 || std::strcmp(chunk, "Q") == 0) return Ending::QuitCommand;
-    if (std::strcmp(chunk, "exit") == 0) return Ending::Exit;
-    guarded("recieve exception: %s", [&] { takeChunk(chunk, size); });
+    if (controlTexts) {
+      if (std::strcmp(chunk, "q") == 0 || std::strcmp(chunk, "Q") == 0) return Ending::QuitCommand;
+      if (std::strcmp(chunk, "exit") == 0) return Ending::Exit;
+    }
+    bool tooLong = false;
+    guarded("recieve exception: %s", [&] { tooLong = takeChunk(client, chunk, size); });
+    if (tooLong) return Ending::RecvError;
   }
   return Ending::Quit;
 }
 
-void TcpServer::State::takeChunk(const char* text, std::size_t size) {
+/// @return whether the unfinished message is too long
+bool TcpServer::State::takeChunk(Client& client, const char* text, std::size_t size) {
   std::vector<std::string> msgs;
-  {
-    std::lock_guard<std::mutex> lock(bufferLock);
-    reassembly.feed(text, size, msgs, kDelimiter);
-  }
+  const bool tooLong = cut(client, text, size, msgs);
   for (const std::string& msg : msgs) deliver(msg);
+  return tooLong;
+}
+
+bool TcpServer::State::cut(Client& client, const char* text, std::size_t size,
+                           std::vector<std::string>& msgs) {
+  std::lock_guard<std::mutex> lock(bufferLock);
+  MessageSplitter& buffer = perClientBuffer ? client.reassembly : reassembly;
+  buffer.feed(text, size, msgs, kDelimiter);
+  if (!exceeds(maxMessageBytes, buffer.buffer())) return false;
+  buffer.clear();  // the others go on with an empty one
+  return true;
 }
 
 void TcpServer::State::deliver(const std::string& msg) {
@@ -128,6 +141,7 @@ void TcpServer::State::endClient(std::shared_ptr<Reservation> reservation, Endin
     quit.request();
     broadcaster.requestQuit();
   }
+  if (client->admitted) --clientCount;
   const int remaining = connectionCount -= kCountedPerLeave;
   BRIX_LOG_INFO("socket %d quit, remain connection counts %d\n", number, remaining);
 }

@@ -34,7 +34,10 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   struct Client {
     explicit Client(int fd) : socket(fd) {}
     SocketOwner socket;
-    std::mutex registering;  // held by the accept thread until the client is registered
+    MessageSplitter reassembly;      // receiving thread only; where each client has its own
+    std::atomic<bool> whole{false};  // whether a send that was cut short has failed
+    bool admitted = false;           // registering; whether it is counted
+    std::mutex registering;          // held by the accept thread until the client is registered
   };
 
   /// Keeps a client's number from being given out again, also after its end.
@@ -68,9 +71,12 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   static std::shared_ptr<Reservation> adopt(int socket);
   void serve(std::shared_ptr<Reservation> reservation);
   Ending receive(Client& client);
-  void takeChunk(const char* text, std::size_t size);
+  bool takeChunk(Client& client, const char* text, std::size_t size);
+  bool cut(Client& client, const char* text, std::size_t size, std::vector<std::string>& msgs);
   void deliver(const std::string& msg);
   void endClient(std::shared_ptr<Reservation> reservation, Ending ending) noexcept;
+
+  void applyOptions(const ServerSafetyOptions& options);
 
   bool onAcceptThread() const { return ThreadMark::standsFor(&acceptThread); }
   bool insideListener() const { return ThreadMark::standsFor(&gate); }
@@ -82,6 +88,13 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   std::mutex bufferLock;
   std::thread acceptThread;                               // lifecycleLock
   ValueSlot<std::shared_ptr<const Listeners>> listeners;  // null: none
+
+  std::atomic<int> clientCount{0};  // as it is
+  std::atomic<int> maxClients{0};   // safety options, as the following
+  std::atomic<std::size_t> maxMessageBytes{0};
+  std::atomic<bool> cutStalled{false};
+  std::atomic<bool> controlTexts{true};
+  std::atomic<bool> perClientBuffer{false};
 
   std::mutex lifecycleLock;
   std::atomic<bool> accepting{false};  // until the accept thread has ended

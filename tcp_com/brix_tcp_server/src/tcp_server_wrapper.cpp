@@ -119,6 +119,10 @@ TcpServerWrapper::~TcpServerWrapper() {
   state->release();
 }
 
+bool TcpServerWrapper::setSafetyOptions(const ServerSafetyOptions& options) {
+  return state_->server->setSafetyOptions(options);
+}
+
 void TcpServerWrapper::init(int port) {
   state_->quit.reset();
   state_->server->createSocket(port);
