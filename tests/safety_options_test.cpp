@@ -1,0 +1,255 @@
+#include "safety_options.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+
+#include "brix_tcp_server.h"
+#include "communication_client.h"
+#include "log_capture.h"
+#include "raw_socket.h"
+#include "tcp_client.h"
+#include "tcp_client_wrapper.h"
+#include "tcp_server.h"
+#include "text_queue.h"
+#include "texts.h"
+
+namespace {
+
+using brix::ClientSafetyOptions;
+using brix::ServerSafetyOptions;
+using test::eventually;
+using test::RawSocket;
+
+/// The two servers under one face.
+struct StateServer {
+  bool start(const ServerSafetyOptions& options) {
+    server.registerMsgListener([this](const std::string& msg) { received.add(msg); });
+    if (!server.setSafetyOptions(options)) return false;
+    server.initialize(0);
+    return server.waitUntilListening(test::kDeadlineMs);
+  }
+  void broadcast(const std::string& text) { server.sendMsg(text); }
+  int port() const { return server.listeningPort(); }
+  ~StateServer() { server.terminateServer(); }
+
+  test::Texts received;
+  brix::BrixTcpServer server;
+};
+
+struct CommandServer : brix::iRecieveListener {
+  bool start(const ServerSafetyOptions& options) {
+    server.attachListener(this);
+    if (!server.setSafetyOptions(options)) return false;
+    server.createSocket(0);
+    return server.waitUntilListening(test::kDeadlineMs);
+  }
+  void onReceive(const std::string& msg) override { received.add(msg); }
+  void broadcast(const std::string& text) { server.sendMsgs(text + "\r\n"); }
+  int port() const { return server.listeningPort(); }
+  ~CommandServer() override { server.quit(); }
+
+  test::Texts received;
+  brix::TcpServer server{-1};
+};
+
+template <typename Server>
+class SafetyOptions : public testing::Test {
+ protected:
+  /// Connects, and waits until the server serves the client.
+  RawSocket served(const std::string& name) {
+    RawSocket client = RawSocket::connectTo(server.port());
+    client.send(name + "\r\n");
+    EXPECT_TRUE(eventually([&] { return server.received.count(name) == 1; }));
+    return client;
+  }
+
+  test::LogCapture log;
+  Server server;
+  ServerSafetyOptions options;
+};
+
+using Servers = testing::Types<StateServer, CommandServer>;
+TYPED_TEST_SUITE(SafetyOptions, Servers);
+
+TYPED_TEST(SafetyOptions, ListensOnOneAddressOnly) {
+  this->options.bindAddress = "127.0.0.2";
+  ASSERT_TRUE(this->server.start(this->options));
+  EXPECT_THROW(RawSocket::connectTo(this->server.port()), std::runtime_error);
+  TypeParam other;
+  this->options.bindAddress = "127.0.0.256";
+  EXPECT_FALSE(other.start(this->options));
+  EXPECT_TRUE(eventually([&] { return this->log.infos("Unable to bind") == 1; }));
+}
+
+TYPED_TEST(SafetyOptions, LetsOnlyAllowedPeersIn) {
+  for (const char* bad : {"", "10.0.0", "10.0.0.1/33", "10.0.0.1/", "10.0.0.1/8x", "arm"}) {
+    TypeParam refusing;
+    this->options.allowedPeers = {"127.0.0.1", bad};
+    EXPECT_FALSE(refusing.start(this->options)) << bad;
+    EXPECT_EQ(this->log.errors(std::string("allowed peer \"") + bad + "\""), 1U);
+  }
+  this->options.allowedPeers = {"10.0.0.0/8", "127.0.0.2"};
+  ASSERT_TRUE(this->server.start(this->options));
+  for (int i = 0; i < 3; ++i) {
+    const RawSocket stranger = RawSocket::connectTo(this->server.port());
+    EXPECT_TRUE(eventually([&] { return stranger.ended(); }));
+  }
+  EXPECT_EQ(this->log.errors("client 127.0.0.1 is not allowed"), 1U);  // one line a minute
+  TypeParam open;
+  this->options.allowedPeers = {"0.0.0.0/0"};
+  ASSERT_TRUE(open.start(this->options));
+  const RawSocket client = RawSocket::connectTo(open.port());
+  client.send("in\r\n");
+  EXPECT_TRUE(eventually([&] { return open.received.count("in") == 1; }));
+}
+
+TYPED_TEST(SafetyOptions, CountsClientsAsTheyAre) {
+  this->options.maxClients = 6;  // more than the command server's own four
+  ASSERT_TRUE(this->server.start(this->options));
+  std::vector<RawSocket> clients;
+  for (int i = 0; i < 6; ++i) clients.push_back(this->served("c" + std::to_string(i)));
+  const RawSocket seventh = RawSocket::connectTo(this->server.port());
+  EXPECT_TRUE(eventually([&] { return seventh.ended(); }));
+  EXPECT_EQ(this->log.errors("too many clients, connection of 127.0.0.1 closed"), 1U);
+  clients.pop_back();
+  EXPECT_TRUE(eventually([&] {  // until the server has seen the end
+    const RawSocket next = RawSocket::connectTo(this->server.port());
+    next.send("next\r\n");
+    return eventually([&] { return this->server.received.count("next") > 0 || next.ended(); }) &&
+           this->server.received.count("next") > 0;
+  }));
+}
+
+TYPED_TEST(SafetyOptions, EndsAnEndlessMessage) {
+  this->options.maxMessageBytes = 100000;
+  ASSERT_TRUE(this->server.start(this->options));
+  const RawSocket good = this->served("good");
+  const RawSocket endless = this->served("endless");
+  endless.send(std::string(100000, 'x'));
+  EXPECT_FALSE(endless.ended());
+  endless.send("yy");
+  EXPECT_TRUE(eventually([&] { return endless.ended(); }));
+  good.send("still here\r\n");
+  EXPECT_TRUE(eventually([&] { return this->server.received.count("still here") == 1; }));
+}
+
+TYPED_TEST(SafetyOptions, CutsOffWhoDoesNotRead) {
+  this->options.peerTimeoutMs = 500;
+  ASSERT_TRUE(this->server.start(this->options));
+  const RawSocket stuck = this->served("stuck");  // and its lower number is served first
+  const RawSocket reader = this->served("reader");
+  const std::string block(1 << 20, 'b');
+  for (int i = 0; i < 16; ++i) this->server.broadcast(block);
+  EXPECT_EQ(reader.read(16 * (block.size() + 2)).size(), 16 * (block.size() + 2));
+}
+
+TEST(SafetyOptionsOfCommandServer, KeepClientsApartAndTakeControlTextsForData) {
+  CommandServer server;
+  ASSERT_TRUE(server.start(ServerSafetyOptions::hardened()));
+  const RawSocket first = RawSocket::connectTo(server.port());
+  const RawSocket second = RawSocket::connectTo(server.port());
+  first.send("exit");
+  second.send("q");
+  EXPECT_FALSE(eventually([&] { return first.ended() || second.ended(); }, 100));
+  first.send("1\r\n");
+  EXPECT_TRUE(eventually([&] { return server.received.count("exit1") == 1; }));
+  second.send("2\r\n");
+  EXPECT_TRUE(eventually([&] { return server.received.count("q2") == 1; }));
+  EXPECT_EQ(brix::ServerSafetyOptions::hardened().maxClients, 16);
+}
+
+TEST(TextQueue, DropsTheOldestAboveItsLimit) {
+  const test::LogCapture log;
+  brix::TextQueue queue;
+  queue.setLimit(10000);
+  for (int i = 0; i < 100; ++i) queue.push(std::to_string(i) + std::string(1000, '.'));
+  EXPECT_LT(queue.size(), 10U);
+  EXPECT_TRUE(queue.pop().compare(0, 3, std::to_string(100 - queue.size() - 1) + ".") == 0);
+  EXPECT_EQ(log.errors("oldest texts dropped"), 1U);  // one line a second
+  queue.clear();
+  EXPECT_TRUE(queue.empty() && !queue.full());
+  queue.push(std::string(20000, 'x'));  // one alone is never dropped
+  EXPECT_EQ(queue.pop().size(), 20000U);
+}
+
+TEST(ClientSafetyOptions, RefuseAnAddressThatDoesNotParse) {
+  const test::RawListener listener;
+  for (const bool strict : {false, true}) {
+    ClientSafetyOptions options;
+    options.strictAddress = strict;
+    brix::TcpClient plain("robot", listener.port());
+    plain.setSafetyOptions(options);
+    EXPECT_EQ(plain.connectServer(1), strict ? -1 : 1);
+    plain.closeClient();
+    brix::TcpClientWrapper wrapper;
+    wrapper.setSafetyOptions(options);
+    EXPECT_EQ(wrapper.connectSocket("robot", listener.port()), strict ? -1 : 1);
+  }
+}
+
+TEST(ClientSafetyOptions, ReclaimWhatWouldStayOpen) {
+  const test::RawListener listener(64);
+  const std::size_t before = test::openDescriptors();
+  for (int i = 0; i < 10; ++i) {
+    brix::TcpClient client("127.0.0.1", listener.port());
+    client.setSafetyOptions(ClientSafetyOptions::hardened());
+    ASSERT_EQ(client.connectServer(1), 1);
+    ASSERT_EQ(client.connectServer(1), 1);
+  }
+  EXPECT_EQ(test::openDescriptors(), before);
+}
+
+/// The two clients under one face.
+struct StateClient {
+  bool connect(int port, const ClientSafetyOptions& options) {
+    client.setClientHandle(std::make_shared<brix::TcpClient>("127.0.0.1", port));
+    client.registerMsgListener([this](const std::string& msg) { received.add(msg); });
+    client.setSafetyOptions(options);
+    return reconnect(port);
+  }
+  bool reconnect(int port) { return client.connect("127.0.0.1", port, 1) == 1; }
+  void disconnect() { client.disConnect(); }
+  test::Texts received;
+  brix::CommunicationClient client;
+};
+
+struct CommandClient : brix::iRecieveListener {
+  bool connect(int port, const ClientSafetyOptions& options) {
+    client.attachListener(this);
+    client.setSafetyOptions(options);
+    return reconnect(port);
+  }
+  bool reconnect(int port) { return client.connectSocket("127.0.0.1", port) == 1; }
+  void disconnect() { client.disConnected(); }
+  void onReceive(const std::string& msg) override { received.add(msg); }
+  test::Texts received;
+  brix::TcpClientWrapper client;
+};
+
+template <typename Client>
+class ClientSafety : public testing::Test {};
+using Clients = testing::Types<StateClient, CommandClient>;
+TYPED_TEST_SUITE(ClientSafety, Clients);
+
+TYPED_TEST(ClientSafety, DropsWhatIsStaleAndEndsAnEndlessMessage) {
+  const test::RawListener listener;
+  TypeParam client;
+  ClientSafetyOptions options = ClientSafetyOptions::hardened();
+  options.maxMessageBytes = 1000;
+  ASSERT_TRUE(client.connect(listener.port(), options));
+  {
+    const RawSocket server = listener.accept();
+    server.send("one\r\nhalf of tw");
+    EXPECT_TRUE(eventually([&] { return client.received.count("one") == 1; }));
+    client.disconnect();
+  }
+  ASSERT_TRUE(client.reconnect(listener.port()));
+  const RawSocket server = listener.accept();
+  server.send("whole\r\n");
+  EXPECT_TRUE(eventually([&] { return client.received.count("whole") == 1; }));
+  server.send(std::string(1001, 'x'));
+  EXPECT_TRUE(eventually([&] { return !client.client.isConnected(); }));
+}
+
+}  // namespace
