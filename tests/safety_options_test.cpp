@@ -13,45 +13,16 @@
 #include "tcp_server.h"
 #include "text_queue.h"
 #include "texts.h"
+#include "two_servers.h"
 
 namespace {
 
 using brix::ClientSafetyOptions;
 using brix::ServerSafetyOptions;
+using test::CommandServer;
 using test::eventually;
 using test::RawSocket;
-
-/// The two servers under one face.
-struct StateServer {
-  bool start(const ServerSafetyOptions& options) {
-    server.registerMsgListener([this](const std::string& msg) { received.add(msg); });
-    if (!server.setSafetyOptions(options)) return false;
-    server.initialize(0);
-    return server.waitUntilListening(test::kDeadlineMs);
-  }
-  void broadcast(const std::string& text) { server.sendMsg(text); }
-  int port() const { return server.listeningPort(); }
-  ~StateServer() { server.terminateServer(); }
-
-  test::Texts received;
-  brix::BrixTcpServer server;
-};
-
-struct CommandServer : brix::iRecieveListener {
-  bool start(const ServerSafetyOptions& options) {
-    server.attachListener(this);
-    if (!server.setSafetyOptions(options)) return false;
-    server.createSocket(0);
-    return server.waitUntilListening(test::kDeadlineMs);
-  }
-  void onReceive(const std::string& msg) override { received.add(msg); }
-  void broadcast(const std::string& text) { server.sendMsgs(text + "\r\n"); }
-  int port() const { return server.listeningPort(); }
-  ~CommandServer() override { server.quit(); }
-
-  test::Texts received;
-  brix::TcpServer server{-1};
-};
+using test::StateServer;
 
 template <typename Server>
 class SafetyOptions : public testing::Test {

@@ -99,6 +99,10 @@ class Census {
     });
   }
 
+  bool threadsGrownBy(std::size_t more) const {
+    return eventually([=] { return threads() == threads_ + more; });
+  }
+
  private:
   const std::size_t threads_ = settledThreads(), descriptors_ = openDescriptors();
 };

@@ -1,0 +1,268 @@
+// Connections that come and go, in every way and quickly.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <future>
+#include <map>
+
+#include "figures.h"
+#include "log_capture.h"
+#include "raw_socket.h"
+#include "two_clients.h"
+#include "two_servers.h"
+
+namespace test {
+namespace {
+
+/// Runs the body with each number below `times`, on some threads at a time.
+void inParallel(int times, int threadCount, const std::function<void(int)>& body) {
+  std::atomic<int> next{0};
+  std::vector<std::future<void>> workers;
+  for (int i = 0; i < threadCount; ++i) {
+    workers.push_back(std::async(std::launch::async, [&] {
+      for (int number; (number = next++) < times;) body(number);
+    }));
+  }
+  for (auto& worker : workers) worker.get();
+}
+
+template <typename Server>
+struct ServersOfMany : testing::Test {};
+using Servers = testing::Types<StateServer, CommandServer>;
+TYPED_TEST_SUITE(ServersOfMany, Servers);
+
+constexpr int kEndings = 5;
+constexpr int kResetAtOnce = 3;  // nothing is sent
+
+// The message begins with a delimiter, which ends what a client before left unfinished.
+template <typename Server>
+void comeAndGo(const Server& server, int number) {
+  const std::string name = "m" + std::to_string(number), message = "\r\n" + name + "\r\n";
+  RawSocket client = RawSocket::connectTo(server.port());
+  if (number % kEndings != kResetAtOnce) client.send(message);
+  switch (number % kEndings) {
+    case 0:
+      return;
+    case 1:  // a reset takes what was not read yet with it
+      EXPECT_TRUE(server.received.gets(name));
+      return client.reset();
+    case 2:
+      shutdown(client.fd(), SHUT_WR);
+      EXPECT_TRUE(eventually([&] { return client.ended(); }));
+      return;
+    case kResetAtOnce:
+      return client.reset();
+    default:
+      client.send("unfinished");
+  }
+}
+
+/// @return the numbers behind `before` in the log, in ascending order
+std::vector<int> numbersBehind(const LogCapture& log, const std::string& before) {
+  std::vector<int> numbers;
+  for (const std::string& text : log.texts()) {
+    const std::size_t at = text.find(before);
+    if (at != text.npos) numbers.push_back(std::atoi(text.c_str() + at + before.size()));
+  }
+  std::sort(numbers.begin(), numbers.end());
+  return numbers;
+}
+
+// Every client of a state server is one arrival, the last one's end the only leaving.
+void expectAllTold(const std::vector<StateServer>& servers, std::size_t clients,
+                   const LogCapture& log) {
+  for (const StateServer& server : servers) {
+    EXPECT_EQ(server.links.count("on"), clients);
+    EXPECT_TRUE(eventually([&] { return server.links.all().back() == "off"; }));
+  }
+  const std::vector<int> ids = numbersBehind(log, "socket ");
+  std::map<int, std::size_t> times;
+  for (const int id : ids) ++times[id];
+  for (std::size_t id = 1; id <= clients; ++id) {
+    EXPECT_EQ(times[static_cast<int>(id)], servers.size()) << id;
+  }
+}
+
+// All command servers of the process share the connection listener and the numbers.
+void expectAllTold(const std::vector<CommandServer>& servers, std::size_t clients,
+                   const LogCapture& log) {
+  const std::size_t all = clients * servers.size();
+  const auto links = servers.back().links.all();
+  EXPECT_EQ(links.size(), 2 * all);
+  EXPECT_EQ(links.back(), "off");
+  EXPECT_EQ(log.infos("pop robot state listener"), all);
+  EXPECT_EQ(TcpServerBroadcaster::getInstance().listenerCount(), 0U);
+  const std::vector<int> ids = numbersBehind(log, "unique id ");
+  for (std::size_t i = 1; i < ids.size(); ++i) EXPECT_EQ(ids[i], ids[i - 1] + 1);
+  EXPECT_EQ(ids.size(), all);
+}
+
+TYPED_TEST(ServersOfMany, KeepNothingOfClientsHoweverTheyEnd) {
+  constexpr int kServers = 5;
+  const LogCapture log;
+  const int clients = std::max(volume(5000, 1000) / kServers, kEndings);
+  std::vector<TypeParam> servers(kServers);
+  for (TypeParam& server : servers) ASSERT_TRUE(server.start());
+  const Census census{};
+  const auto start = Clock::now();
+  inParallel(clients * kServers, 2 * kServers, [&](int i) {
+    comeAndGo(servers[static_cast<std::size_t>(i % kServers)], i / kServers);
+  });
+  const auto all = static_cast<std::size_t>(clients * kServers);
+  EXPECT_TRUE(eventually([&] { return log.infos(" quit, remain connection") == all; }));
+  EXPECT_TRUE(census.grownBy(0, 0));
+  const double seconds = elapsedMs(start) / 1000;
+  for (const TypeParam& server : servers) {
+    const std::size_t sent = static_cast<std::size_t>(clients - clients / kEndings);
+    std::map<std::string, int> heard;
+    const auto count = [&] {
+      heard.clear();
+      for (const std::string& msg : server.received.all()) heard[msg] += msg[0] == 'm';
+      heard.erase("unfinished");
+      return heard.size() >= sent;
+    };
+    EXPECT_TRUE(eventually(count));
+    for (const auto& [name, times] : heard) EXPECT_EQ(times, 1) << name;
+  }
+  expectAllTold(servers, static_cast<std::size_t>(clients), log);
+  figure("R1",
+         "%s: %d clients (closed, reset, half-closed, reset at once, cut in a message) in %.1f s",
+         TypeParam::kName, clients * kServers, seconds);
+}
+
+template <typename Client>
+struct ClientsOfMany : testing::Test {};
+using Clients = testing::Types<StateClient, CommandClient>;
+TYPED_TEST_SUITE(ClientsOfMany, Clients);
+
+/// One client with its own peer.
+template <typename Client>
+struct Pair {
+  RawListener door;
+  Client client;
+  std::vector<std::string> expected;
+  double worstMs = 0;
+
+  void reconnect(int pauseMs, int round) {
+    client.disconnect();
+    std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+    worstMs = std::max(worstMs, timedMs([&] { EXPECT_EQ(client.connect(door.port()), 1); }));
+    const RawSocket peer = door.accept();
+    const std::string request = "request " + std::to_string(round);
+    EXPECT_TRUE(client.send(request));
+    expected.push_back("reply " + std::to_string(round));
+    peer.send(expected.back() + "\r\n");
+    EXPECT_TRUE(client.received.gets(expected.back()));
+    std::string got;
+    EXPECT_TRUE(eventually([&] {
+      got += peer.read(1 << 16, 5);
+      return got.find(request + "\r\n") != got.npos;
+    }));
+    EXPECT_EQ(got.find(request), got.rfind(request));
+    EXPECT_EQ(client.received.all(), expected);
+  }
+};
+
+TYPED_TEST(ClientsOfMany, ReconnectAtAnyMoment) {
+  constexpr int kPausesMs[] = {0, 1, 10, 200, 900, 2400};
+  constexpr std::size_t kClients = 25;
+  const int rounds =
+      std::max(volume(300, 100) / static_cast<int>(kClients * std::size(kPausesMs)), 1);
+  const LogCapture log;
+  const Census before{};
+  double worstMs = 0;
+  {
+    std::vector<Pair<TypeParam>> pairs(kClients);
+    for (int round = 0; round < rounds; ++round) {
+      for (const int pauseMs : kPausesMs) {
+        inParallel(kClients, kClients, [&](int i) {
+          pairs[static_cast<std::size_t>(i)].reconnect(pauseMs, round * 10000 + pauseMs);
+        });
+      }
+    }
+    for (auto& pair : pairs) pair.client.disconnect();
+    for (auto& pair : pairs) EXPECT_EQ(pair.client.connect(pair.door.port()), 1);
+    EXPECT_TRUE(before.threadsGrownBy(kClients * TypeParam::kThreads));  // one of each
+    for (auto& pair : pairs) worstMs = std::max(worstMs, pair.worstMs);
+  }
+  EXPECT_TRUE(before.threadsGrownBy(0));
+  EXPECT_LT(worstMs, 1000 + kStopBoundMs);
+  figure("R2", "%s: %zu reconnects 0 to 2400 ms after a disconnect, slowest %.0f ms",
+         TypeParam::kName, kClients * static_cast<std::size_t>(rounds) * std::size(kPausesMs),
+         worstMs);
+}
+
+/// Files and sockets of somebody else, opened and closed all the time on the lowest free numbers.
+class Strangers {
+ public:
+  ~Strangers() { stop_ = true; }
+  int harmed() const { return harmed_; }
+  int made() const { return made_; }
+
+ private:
+  void comeAndGo() {
+    while (!stop_) {
+      auto [left, right] = RawSocket::pair();
+      const int file = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+      struct stat opened {};
+      fstat(file, &opened);
+      std::this_thread::yield();
+      char byte;
+      const bool silent = recv(left.fd(), &byte, 1, MSG_DONTWAIT) == -1 && errno == EAGAIN &&
+                          recv(right.fd(), &byte, 1, MSG_DONTWAIT) == -1 && errno == EAGAIN;
+      struct stat now {};
+      const bool same = fstat(file, &now) == 0 && now.st_rdev == opened.st_rdev;
+      const bool closed =
+          ::close(left.take()) == 0 && ::close(right.take()) == 0 && ::close(file) == 0;
+      if (!silent || !same || !closed) ++harmed_;
+      ++made_;
+    }
+  }
+
+  std::atomic<bool> stop_{false};
+  std::atomic<int> harmed_{0}, made_{0};
+  std::future<void> thread_ = std::async(std::launch::async, [this] { comeAndGo(); });
+};
+
+TYPED_TEST(ServersOfMany, NeverMistakeANumberThatIsGivenOutAgain) {
+  const LogCapture log;
+  TypeParam server;
+  ASSERT_TRUE(server.start());
+  const RawSocket slow = RawSocket::connectTo(server.port());
+  const Strangers strangers;
+  const int rounds = volume(300, 100);
+  for (int round = 0; round < rounds; ++round) {
+    RawSocket client = RawSocket::connectTo(server.port());
+    const std::string hello = "hello" + std::to_string(round),
+                      text = "text" + std::to_string(round);
+    client.send("\r\n" + hello + "\r\n");
+    ASSERT_TRUE(server.received.gets(hello));  // now it is registered
+    server.broadcast(text);
+    server.broadcast("end");
+    std::string got;
+    ASSERT_TRUE(eventually([&] {
+      return got += client.read(1 << 16, 1), got.find(text + "\r\nend\r\n") != got.npos;
+    })) << round
+        << got;
+    EXPECT_EQ(got.find(text), got.rfind(text));
+    if (round % 2 == 0) client.reset();
+  }
+  EXPECT_EQ(strangers.harmed(), 0);
+  figure("R3", "%s: %d clients among %d foreign sockets and files, 0 harmed", TypeParam::kName,
+         rounds, 3 * strangers.made());
+}
+
+TYPED_TEST(ClientsOfMany, NeverMistakeANumberThatIsGivenOutAgain) {
+  const LogCapture log;
+  Pair<TypeParam> pair;
+  const Strangers strangers;
+  const int rounds = volume(300, 100);
+  for (int round = 0; round < rounds; ++round) pair.reconnect(0, round);
+  EXPECT_EQ(strangers.harmed(), 0);
+  figure("R3", "%s: %d connections among %d foreign sockets and files, 0 harmed", TypeParam::kName,
+         rounds, 3 * strangers.made());
+}
+
+}  // namespace
+}  // namespace test

@@ -1,0 +1,54 @@
+// The two servers under one face.
+#pragma once
+
+#include <string>
+
+#include "brix_tcp_server.h"
+#include "tcp_server.h"
+#include "tcp_server_sender.h"
+#include "texts.h"
+#include "wait.h"
+
+namespace test {
+
+struct StateServer {
+  bool start(const brix::ServerSafetyOptions& options = {}) {
+    server.registerMsgListener([this](const std::string& msg) { received.add(msg); });
+    server.registerConnectionListener([this](bool any) { links.add(any ? "on" : "off"); });
+    if (!server.setSafetyOptions(options)) return false;
+    server.initialize(0);
+    return server.waitUntilListening(kDeadlineMs);
+  }
+  void broadcast(const std::string& text) { server.sendMsg(text); }
+  int port() const { return server.listeningPort(); }
+  void stop() { server.terminateServer(); }
+  ~StateServer() { stop(); }
+
+  static constexpr char kName[] = "state server";
+  Texts received, links;
+  brix::BrixTcpServer server;
+};
+
+struct CommandServer : brix::iRecieveListener {
+  bool start(const brix::ServerSafetyOptions& options = {}) {
+    server.attachListener(this);
+    server.attachConnectionListener([this](bool any) { links.add(any ? "on" : "off"); });
+    if (!server.setSafetyOptions(options)) return false;
+    server.createSocket(0);
+    return server.waitUntilListening(kDeadlineMs);
+  }
+  void onReceive(const std::string& msg) override { received.add(msg); }
+  void broadcast(const std::string& text) { server.sendMsgs(text + "\r\n"); }
+  int port() const { return server.listeningPort(); }
+  void stop() { server.quit(); }
+  ~CommandServer() override {
+    TcpServerBroadcaster::getInstance().setConnectionListener({});
+    stop();
+  }
+
+  static constexpr char kName[] = "command server";
+  Texts received, links;
+  brix::TcpServer server{-1};
+};
+
+}  // namespace test
