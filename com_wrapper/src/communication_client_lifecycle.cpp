@@ -86,12 +86,16 @@ int CommunicationClient::State::connectLocked(ThreadUnit& unit,
 }
 
 // No disconnect comes between: the listener hears of the connection before it hears of its end.
-/// @return null if the client was destroyed while this thread was connecting; whoever destroys it
-///   waits for this thread
+/// @return null without memory, and if the client was destroyed while this thread was connecting;
+///   whoever destroys it waits for this thread
 std::shared_ptr<ClientLink> CommunicationClient::State::announceLink(
     const std::shared_ptr<BasicClientInterface>& handle) {
   const auto lock = lockUnlessOwn(connectMutex, onOwnThread());
-  auto own = beginLink(handle);
+  std::shared_ptr<ClientLink> own;
+  if (!guarded("connect exception: %s", [&] { own = beginLink(handle); })) {
+    closeTransport(*handle);
+    return nullptr;
+  }
   if (destroyed) {
     disConnect();
     return nullptr;

@@ -30,6 +30,15 @@ SocketOwner::SocketOwner(int fd) noexcept : fd_(fd), state_(fd < 0 ? State::Ende
   if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);  // cannot fail on a descriptor that is open
 }
 
+std::shared_ptr<SocketOwner> SocketOwner::make(int fd) {
+  try {
+    return std::make_shared<SocketOwner>(fd);
+  } catch (...) {
+    close(fd);
+    throw;
+  }
+}
+
 SocketOwner::~SocketOwner() {
   end();
 }

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <memory>
 #include <mutex>
 
 struct sockaddr_in;
@@ -19,6 +20,9 @@ class SocketOwner {
  public:
   /// Takes the descriptor over and keeps it from child processes.
   explicit SocketOwner(int fd) noexcept;
+
+  /// As above; closes the descriptor if there is no memory for its owner.
+  static std::shared_ptr<SocketOwner> make(int fd);
 
   /// Ends the connection.
   ~SocketOwner();

@@ -171,7 +171,8 @@ struct StateClientSubject : ClientSubject<StateClient> {
   }
 };
 
-constexpr char kMessage[] = "{\"command\":\"m\"}\r\n";
+// Twice, so that every listener of a client gets one.
+constexpr char kMessage[] = "{\"command\":\"m\"}\r\n{\"command\":\"m\"}\r\n";
 
 /// Sends and connects from other threads until it is destroyed.
 class Traffic {
@@ -204,18 +205,22 @@ std::shared_ptr<void> connectedSilently(Subject& subject) {
   return keep(subject.peer());
 }
 
-std::shared_ptr<void> connectedIdle(Subject& subject) {
-  std::promise<void> heard;
-  subject.setCallback([&] { heard.set_value(); });
+/// @return a peer that the subject has heard
+RawSocket served(Subject& subject) {
+  const auto heard = std::make_shared<std::promise<void>>();
+  subject.setCallback([heard] { heard->set_value(); });
   RawSocket peer = subject.peer();
   peer.send(kMessage);
-  EXPECT_TRUE(ready(heard));
-  return keep(std::move(peer));
+  EXPECT_TRUE(ready(*heard));
+  return peer;
+}
+
+std::shared_ptr<void> connectedIdle(Subject& subject) {
+  return keep(served(subject));
 }
 
 std::shared_ptr<void> withFullBuffers(Subject& subject) {
-  RawSocket peer = subject.peer();
-  peer.send(kMessage);
+  RawSocket peer = served(subject);
   for (int i = 0; i < 8; ++i) subject.emit(std::string(4 << 20, 'x'));
   EXPECT_NE(peer.read(1), "");
   return keep(std::move(peer));

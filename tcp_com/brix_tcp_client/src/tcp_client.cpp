@@ -100,7 +100,7 @@ std::shared_ptr<SocketOwner> TcpClient::owner() const {
 }
 
 void TcpClient::adopt(int fd) {
-  auto next = std::make_shared<SocketOwner>(fd);
+  auto next = SocketOwner::make(fd);
   std::lock_guard<std::mutex> lock(ownerLock_);
   if (owner_) giveUp(*owner_);
   owner_ = std::move(next);

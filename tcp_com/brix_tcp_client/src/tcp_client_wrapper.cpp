@@ -127,7 +127,13 @@ int TcpClientWrapper::State::connectLocked(ThreadUnit& unit, const std::string& 
     return kNotConnected;
   }
   if (options.dropStaleOnReconnect) requestQueue.clear();
-  const auto own = beginLink(client, options, result);
+  std::shared_ptr<WrapperLink> own;
+  const bool begun =
+      guarded("connectSocket exception: %s", [&] { own = beginLink(client, options, result); });
+  if (!begun) {
+    client->closeClient();
+    return kNotConnected;
+  }
   BRIX_LOG_INFO("Tcp connect socket [%s : %d] success, handle id %d", ip.c_str(), port, result);
   logBanner();
   bool started = false;

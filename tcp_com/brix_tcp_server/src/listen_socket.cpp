@@ -49,7 +49,7 @@ const char* ListenSocket::open() {
     publish(true, 0);
     return "Socket error";
   }
-  auto opened = std::make_shared<SocketOwner>(fd);
+  auto opened = SocketOwner::make(fd);
   std::lock_guard<std::mutex> lock(mutex_);
   socket_ = std::move(opened);
   failed_ = false;

@@ -1,0 +1,312 @@
+// Everything that may fail fails once: memory, system calls, threads.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <map>
+#include <new>
+
+#include "communication_server.h"
+#include "faults.h"
+#include "figures.h"
+#include "log_capture.h"
+#include "raw_socket.h"
+#include "tcp_server_wrapper.h"
+#include "two_clients.h"
+#include "two_servers.h"
+
+namespace {
+
+/// What fails: the nth use from now on; 0: nothing.
+struct Failing {
+  std::atomic<int> nth{0};
+  std::atomic<int> used{0};
+
+  bool now() {
+    ++used;
+    return nth > 0 && --nth == 0;
+  }
+};
+Failing memory;
+
+struct FailingCall {
+  const char* name;
+  int error = 0;
+  Failing failing{};
+};
+FailingCall calls[] = {{"socket"},     {"bind"},     {"listen"},     {"accept"}, {"connect"},
+                       {"send"},       {"recv"},     {"poll"},       {"fcntl"},  {"setsockopt"},
+                       {"getsockopt"}, {"shutdown"}, {"getsockname"}};
+thread_local bool ownCalls = false;  // of the test, which are not to fail
+
+/// The other end of a test works, whatever fails.
+struct Unharmed {
+  Unharmed() { ownCalls = true; }
+  ~Unharmed() { ownCalls = false; }
+};
+
+template <std::size_t kIndex, typename Result, typename... Args>
+Result callOrFail(Result (*)(Args...), Args... args) {
+  using Function = Result (*)(Args...);
+  FailingCall& call = calls[kIndex];
+  static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, call.name));
+  if (!ownCalls && call.failing.now()) return errno = call.error, Result(-1);
+  return real(args...);
+}
+
+}  // namespace
+
+__attribute__((noinline)) void* operator new(std::size_t size) {
+  if (!ownCalls && memory.now()) throw std::bad_alloc();
+  if (void* const block = std::malloc(size)) return block;
+  throw std::bad_alloc();
+}
+__attribute__((noinline)) void operator delete(void* block) noexcept {
+  std::free(block);
+}
+__attribute__((noinline)) void operator delete(void* block, std::size_t) noexcept {
+  std::free(block);
+}
+
+extern "C" {
+int socket(int domain, int type, int protocol) noexcept {
+  return callOrFail<0>(&socket, domain, type, protocol);
+}
+int bind(int fd, const sockaddr* address, socklen_t size) noexcept {
+  return callOrFail<1>(&bind, fd, address, size);
+}
+int listen(int fd, int backlog) noexcept {
+  return callOrFail<2>(&listen, fd, backlog);
+}
+int accept(int fd, sockaddr* address, socklen_t* size) {
+  return callOrFail<3>(&accept, fd, address, size);
+}
+int connect(int fd, const sockaddr* address, socklen_t size) {
+  return callOrFail<4>(&connect, fd, address, size);
+}
+ssize_t send(int fd, const void* data, std::size_t size, int flags) {
+  return callOrFail<5>(&send, fd, data, size, flags);
+}
+ssize_t recv(int fd, void* data, std::size_t size, int flags) {
+  return callOrFail<6>(&recv, fd, data, size, flags);
+}
+int poll(pollfd* entries, nfds_t count, int ms) {
+  return callOrFail<7>(&poll, entries, count, ms);
+}
+int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {
+  return callOrFail<9>(&setsockopt, fd, level, name, value, size);
+}
+int getsockopt(int fd, int level, int name, void* value, socklen_t* size) noexcept {
+  return callOrFail<10>(&getsockopt, fd, level, name, value, size);
+}
+int shutdown(int fd, int how) noexcept {
+  return callOrFail<11>(&shutdown, fd, how);
+}
+int getsockname(int fd, sockaddr* address, socklen_t* size) noexcept {
+  return callOrFail<12>(&getsockname, fd, address, size);
+}
+}
+
+namespace test {
+namespace {
+
+constexpr double kLostMs = 60;  // what has not come by then was lost with the fault
+
+template <typename Server>
+bool serves(Server& server) {
+  const Unharmed other;
+  static std::atomic<int> number{0};
+  try {
+    const RawSocket client = RawSocket::connectTo(server.port());
+    const std::string name = "m" + std::to_string(++number);
+    client.send("\r\n" + name + "\r\n");
+    if (!eventually([&] { return server.received.count(name) == 1; }, kLostMs)) return false;
+    server.broadcast("b" + name);
+    return client.read(name.size() + 3, kLostMs) == "b" + name + "\r\n";
+  } catch (const std::runtime_error&) {
+    return false;
+  }
+}
+
+/// A server starts and serves; then, whatever has failed, it or the next one serves a good client.
+template <typename Server>
+bool playServer() {
+  auto server = std::make_unique<Server>();
+  if (server->start()) serves(*server);
+  memory.nth = 0;
+  if (server->port() != 0 && eventually([&] { return serves(*server); }, 10 * kLostMs)) return true;
+  server = std::make_unique<Server>();  // the thread that could not be made is not made later
+  return server->start() && eventually([&] { return serves(*server); });
+}
+
+template <typename Client>
+bool exchanges(Client& client) {
+  static std::atomic<int> number{0};
+  const std::string name = "m" + std::to_string(++number);
+  std::unique_ptr<RawListener> door;
+  {
+    const Unharmed other;
+    door = std::make_unique<RawListener>();
+  }
+  client.disconnect();
+  if (client.connect(door->port()) != 1) return false;
+  const Unharmed other;
+  const RawSocket peer = door->accept();
+  peer.send("\r\n" + name + "\r\n");
+  return eventually([&] { return client.received.count(name) == 1; }, kLostMs);
+}
+
+template <typename Client>
+bool playClient() {
+  auto client = std::make_unique<Client>();
+  exchanges(*client);
+  memory.nth = 0;
+  if (eventually([&] { return exchanges(*client); }, 10 * kLostMs)) return true;
+  client = std::make_unique<Client>();  // as above
+  return eventually([&] { return exchanges(*client); });
+}
+
+bool playWrapper() {
+  brix::TcpServerWrapper server(-1);
+  brix::TcpServerWrapper::ObjectHandlerMap map;
+  map["echo"] = [](const Json::Value& request) { return request; };
+  server.setHandleMap(map);
+  const char* const request = "{\"command\":\"echo\",\"list\":[1,2.5,\"three\",{}]}";
+  server.commandHandle(request);
+  server.onReceive(request);
+  server.onReceive("no json");
+  server.sendMsgs("lost");
+  memory.nth = 0;
+  return server.commandHandle(request).find("\"code\":1") != std::string::npos;
+}
+
+bool playCommunicationServer() {
+  const auto transport = std::make_shared<brix::BrixTcpServer>();
+  brix::CommunicationServer server;
+  server.setServerHandle(transport);
+  server.registerBroadcastFunc([] { return std::string("state"); }, 1);
+  server.initialize(0);
+  transport->waitUntilListening(kLostMs);
+  const auto broadcasts = [&] {
+    const Unharmed other;
+    try {
+      return RawSocket::connectTo(transport->listeningPort()).read(7, kLostMs) == "state\r\n";
+    } catch (const std::runtime_error&) {
+      return false;
+    }
+  };
+  broadcasts();
+  memory.nth = 0;
+  if (transport->listeningPort() == 0) return true;  // it could not start, and said so
+  server.terminate();
+  return true;
+}
+
+bool playLog() {
+  const std::string text(100, 'x');
+  brix::getLogInstance()->err(__FILE__, __LINE__, brix::ERR_COMMUNICATION, "%s %d %f %b",
+                              text.c_str(), 1, 2.0, true);
+  memory.nth = 0;
+  return true;
+}
+
+struct Play {
+  const char* name;
+  bool (*play)();
+};
+const Play kPlays[] = {{"state server", playServer<StateServer>},
+                       {"command server", playServer<CommandServer>},
+                       {"state client", playClient<StateClient>},
+                       {"command client", playClient<CommandClient>},
+                       {"command handling", playWrapper},
+                       {"publishing", playCommunicationServer},
+                       {"log", playLog}};
+
+/// Plays while one thing fails; what the call that it hits throws is the application's to catch.
+bool survives(const Play& play) {
+  try {
+    return play.play();
+  } catch (const std::bad_alloc&) {
+    memory.nth = 0;
+    return play.play();
+  }
+}
+
+TEST(Faults, OfMemoryHitNothingButTheirOwnCall) {
+  LogCapture* const log = new LogCapture;
+  for (const Play& play : kPlays) {
+    ASSERT_TRUE(play.play()) << play.name;
+    memory.used = 0;
+    play.play();
+    const int allocations = memory.used;
+    const int step = allocations / volume(allocations, allocations / 3);
+    int failures = 0;
+    for (int nth = 1; nth <= allocations; nth += std::max(step, 1)) {
+      const Census census{};
+      memory.nth = nth;
+      ++failures;
+      EXPECT_TRUE(survives(play)) << play.name << ", allocation " << nth;
+      EXPECT_TRUE(census.grownBy(0, 0)) << play.name << ", allocation " << nth;
+    }
+    figure("R8", "%s: %d of %d allocations failed once, nothing else did", play.name, failures,
+           allocations);
+  }
+  delete log;
+}
+
+/// What is logged when a server's call fails.
+const std::map<std::string, const char*> kTexts = {
+    {"socket", "Socket error"}, {"bind", "Unable to bind"}, {"listen", "Listen error"}};
+
+TEST(Faults, OfSystemCallsAreSurvived) {
+  constexpr int kErrors[] = {EMFILE, EINTR, ENOMEM, ENOBUFS, ENFILE, ECONNABORTED};
+  const int errors = volume(static_cast<int>(std::size(kErrors)), 2);
+  const int depth = volume(3, 2);  // how many uses of each call fail, one after the other
+  TcpServerBroadcaster::getInstance();
+  const Census census{};
+  for (const Play& play : kPlays) {
+    int failures = 0;
+    for (FailingCall& call : calls) {
+      for (int i = 0; i < errors; ++i) {
+        const int error = kErrors[i];
+        for (int nth = 1; nth <= depth; ++nth) {
+          const LogCapture log;
+          call.error = error;
+          call.failing.nth = nth;
+          EXPECT_TRUE(play.play()) << play.name << ", " << call.name << " " << nth << ", " << error;
+          const bool hit = call.failing.nth.exchange(0) <= 0;
+          failures += hit;
+          const auto text = kTexts.find(call.name);
+          const bool ofServer = std::string(play.name).find("server") != std::string::npos;
+          if (hit && ofServer && text != kTexts.end()) {
+            EXPECT_GE(log.infos(text->second), 1U) << play.name;
+          }
+        }
+      }
+    }
+    figure("R9", "%s: %d failures of %zu system calls survived", play.name, failures,
+           std::size(calls));
+  }
+  EXPECT_TRUE(census.threadsGrownBy(0));
+}
+
+TEST(Faults, OfThreadCreationAreSurvived) {
+  const LogCapture log;
+  TcpServerBroadcaster::getInstance();
+  const Census census{};
+  int failures = 0;
+  for (const Play& play : kPlays) {
+    for (int nth = 1;; ++nth, ++failures) {
+      threadThatFails = nth;
+      EXPECT_TRUE(play.play()) << play.name << ", thread " << nth;
+      if (threadThatFails.exchange(0) > 0) break;
+    }
+  }
+  EXPECT_TRUE(census.threadsGrownBy(0));
+  figure("R9", "%d failures of thread creation survived, at every point of %zu plays", failures,
+         std::size(kPlays));
+}
+
+}  // namespace
+}  // namespace test
