@@ -36,7 +36,8 @@ setup_build_machine() {
 # What the tests need beside it.
 setup_test_machine() {
   setup_build_machine
-  ensure_packages /usr/include/gtest/gtest.h:libgtest-dev pkg-config:pkg-config python3:python3 socat:socat
+  ensure_packages /usr/include/gtest/gtest.h:libgtest-dev pkg-config:pkg-config python3:python3 socat:socat \
+    /usr/sbin/tc:iproute2
 }
 
 # What the further checks need beside it.

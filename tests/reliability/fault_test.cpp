@@ -35,9 +35,9 @@ struct FailingCall {
   int error = 0;
   Failing failing{};
 };
-FailingCall calls[] = {{"socket"},     {"bind"},     {"listen"},     {"accept"}, {"connect"},
-                       {"send"},       {"recv"},     {"poll"},       {"fcntl"},  {"setsockopt"},
-                       {"getsockopt"}, {"shutdown"}, {"getsockname"}};
+FailingCall calls[] = {{"socket"},  {"bind"},       {"listen"},     {"accept"},
+                       {"connect"}, {"send"},       {"recv"},       {"poll"},
+                       {"fcntl"},   {"setsockopt"}, {"getsockopt"}, {"getsockname"}};
 thread_local bool ownCalls = false;  // of the test, which are not to fail
 
 /// The other end of a test works, whatever fails.
@@ -100,11 +100,8 @@ int setsockopt(int fd, int level, int name, const void* value, socklen_t size) n
 int getsockopt(int fd, int level, int name, void* value, socklen_t* size) noexcept {
   return callOrFail<10>(&getsockopt, fd, level, name, value, size);
 }
-int shutdown(int fd, int how) noexcept {
-  return callOrFail<11>(&shutdown, fd, how);
-}
 int getsockname(int fd, sockaddr* address, socklen_t* size) noexcept {
-  return callOrFail<12>(&getsockname, fd, address, size);
+  return callOrFail<11>(&getsockname, fd, address, size);
 }
 }
 
