@@ -41,7 +41,7 @@ class SafetyOptions : public testing::Test {
 };
 
 using Servers = testing::Types<StateServer, CommandServer>;
-TYPED_TEST_SUITE(SafetyOptions, Servers);
+TYPED_TEST_SUITE(SafetyOptions, Servers, );
 
 TYPED_TEST(SafetyOptions, ListensOnOneAddressOnly) {
   this->options.bindAddress = "127.0.0.2";
@@ -201,7 +201,7 @@ struct CommandClient : brix::iRecieveListener {
 template <typename Client>
 class ClientSafety : public testing::Test {};
 using Clients = testing::Types<StateClient, CommandClient>;
-TYPED_TEST_SUITE(ClientSafety, Clients);
+TYPED_TEST_SUITE(ClientSafety, Clients, );
 
 TYPED_TEST(ClientSafety, DropsWhatIsStaleAndEndsAnEndlessMessage) {
   const test::RawListener listener;

@@ -30,7 +30,7 @@ void inParallel(int times, int threadCount, const std::function<void(int)>& body
 template <typename Server>
 struct ServersOfMany : testing::Test {};
 using Servers = testing::Types<StateServer, CommandServer>;
-TYPED_TEST_SUITE(ServersOfMany, Servers);
+TYPED_TEST_SUITE(ServersOfMany, Servers, );
 
 constexpr int kEndings = 5;
 constexpr int kResetAtOnce = 3;  // nothing is sent
@@ -141,7 +141,7 @@ TYPED_TEST(ServersOfMany, KeepNothingOfClientsHoweverTheyEnd) {
 template <typename Client>
 struct ClientsOfMany : testing::Test {};
 using Clients = testing::Types<StateClient, CommandClient>;
-TYPED_TEST_SUITE(ClientsOfMany, Clients);
+TYPED_TEST_SUITE(ClientsOfMany, Clients, );
 
 /// One client with its own peer.
 template <typename Client>
