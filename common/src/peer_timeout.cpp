@@ -30,7 +30,8 @@ void setPeerTimeout(int fd, int timeoutMs) noexcept {
   setInt(fd, IPPROTO_TCP, TCP_KEEPINTVL, 1);
   setInt(fd, IPPROTO_TCP, TCP_KEEPCNT, probes);
   setInt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, timeoutMs);
-  const timeval sendTimeout{timeoutMs / kMsPerSecond, timeoutMs % kMsPerSecond * kUsPerMs};
+  const long restUs = long{timeoutMs % kMsPerSecond} * kUsPerMs;
+  const timeval sendTimeout{timeoutMs / kMsPerSecond, restUs};
   setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
 }
 

@@ -11,7 +11,7 @@ constexpr double kReportMs = 1000;
 
 // An empty text takes memory too.
 std::ptrdiff_t cost(const std::string& text) {
-  return static_cast<std::ptrdiff_t>(text.size() + sizeof text);
+  return static_cast<std::ptrdiff_t>(text.size() + sizeof(std::string));
 }
 
 }  // namespace
