@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -36,14 +35,7 @@ class DeliveryGate {
     std::unique_lock<std::mutex> lock(mutex_);
     closed_ = true;
     if (!wait) return;
-    const auto left = [&] { return running_ <= own; };
-    if (!processEnds()) {
-      changed_.wait(lock, left);
-      return;
-    }
-    while (!left() && !lastWaitOver()) {
-      changed_.wait_for(lock, std::chrono::milliseconds(1), left);
-    }
+    waitOrLeave(changed_, lock, [&] { return running_ <= own; });
   }
 
  private:

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <thread>
 
@@ -43,6 +45,19 @@ std::unique_lock<Lockable> lockOrLeave(Lockable& mutex) {
     lock.try_lock();
   }
   return lock;
+}
+
+/// Waits on a condition, at the end of the process only within the last wait.
+template <typename Predicate>
+void waitOrLeave(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+                 Predicate predicate) {
+  if (!processEnds()) {
+    condition.wait(lock, predicate);
+    return;
+  }
+  while (!predicate() && !lastWaitOver()) {
+    condition.wait_for(lock, std::chrono::milliseconds(1), predicate);
+  }
 }
 
 }  // namespace brix

@@ -49,7 +49,6 @@ class ThreadLoop {
   void request();
   void joinEnded();
   void awaitEnding(std::unique_lock<std::mutex>& lock);
-  void awaitEnded(std::unique_lock<std::mutex>& lock);
   bool enterLoop();
   bool leaveLoop();
   void ended();

@@ -50,19 +50,10 @@ void ThreadLoop::stop() {
   request();
   if (onOwnThread()) return;
   ++stopping_;
-  awaitEnded(lock);
+  waitOrLeave(changed_, lock, [this] { return !alive_; });
   --stopping_;
   joinEnded();
   changed_.notify_all();
-}
-
-void ThreadLoop::awaitEnded(std::unique_lock<std::mutex>& lock) {
-  const auto ended = [this] { return !alive_; };
-  if (!processEnds()) {
-    changed_.wait(lock, ended);
-    return;
-  }
-  while (alive_ && !lastWaitOver()) changed_.wait_for(lock, std::chrono::milliseconds(1), ended);
 }
 
 /// Waits until no stop is under way, unless this is the loop's own thread.

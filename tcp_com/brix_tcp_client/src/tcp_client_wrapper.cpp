@@ -89,12 +89,7 @@ void TcpClientWrapper::sendRequestFunc() {
 }
 
 void TcpClientWrapper::State::attachListener(iRecieveListener* listener) {
-  std::lock_guard<std::mutex> lock(attachLock);
-  const auto known = listeners.load();
-  auto next = known ? std::make_shared<Listeners>(*known) : std::make_shared<Listeners>();
-  next->push_back(listener);
-  const int count = static_cast<int>(next->size());
-  listeners = std::shared_ptr<const Listeners>(std::move(next));
+  const int count = listeners.append(listener);
   BRIX_LOG_INFO("TcpClientWrapper attach listener, current listener number %d", count);
 }
 
@@ -209,7 +204,7 @@ void TcpClientWrapper::State::release() {
   retired.add(link.load());
   retired.join(own && !processEnds());
   loop->stop();  // a cycle must not begin on a half-destroyed object
-  listeners = nullptr;
+  listeners.clear();
 }
 
 bool TcpClientWrapper::State::send(const std::string& msg) {

@@ -9,6 +9,7 @@
 #include "callback_slot.h"
 #include "connection_workers.h"
 #include "data_queue.h"
+#include "listener_list.h"
 #include "message_splitter.h"
 #include "stop_signal.h"
 #include "tcp_client.h"
@@ -57,8 +58,6 @@ class TCP_COM_HIDDEN TcpClientWrapper::State
   ValueSlot<ClientSafetyOptions> safety;
 
  private:
-  using Listeners = std::vector<iRecieveListener*>;
-
   int connectLocked(ThreadUnit& unit, const std::string& ip, int port);
   std::shared_ptr<WrapperLink> beginLink(std::shared_ptr<TcpClient> client,
                                          const ClientSafetyOptions& options, int result);
@@ -70,14 +69,13 @@ class TCP_COM_HIDDEN TcpClientWrapper::State
   bool onOwnThread() const { return ThreadMark::standsFor(this); }
 
   const std::shared_ptr<ThreadLoop> loop;
-  ValueSlot<std::shared_ptr<WrapperLink>> link;           // the client and its workers
-  ValueSlot<std::shared_ptr<const Listeners>> listeners;  // null: none
+  ValueSlot<std::shared_ptr<WrapperLink>> link;  // the client and its workers
+  ListenerList listeners;
   DataQueue<std::string> requestQueue;
   DataQueue<std::string> recievedQueue;
   std::atomic<int> handle{-1};    // changed under linkLock, together with link
   MessageSplitter receiveBuffer;  // receive step only
 
-  std::mutex attachLock;  // one attach at a time
   std::recursive_mutex connectLock;
   std::mutex linkLock;
   RetiredWorkers retired;

@@ -44,9 +44,8 @@ class TCP_COM_API TcpServerWrapper : public iRecieveListener {
 
   /// Joins the broadcast thread, then destroys the server as ~TcpServer: without quit() both block
   /// until another thread calls it, on purpose, except at the end of the process, when no wait is
-  /// longer than a second. Returns when no
-  /// handler runs any more but the one that calls this; inside a callback it waits for nothing
-  /// else.
+  /// longer than a second. Returns when no handler runs any more but the one that calls this;
+  /// inside a callback it waits for nothing else.
   ~TcpServerWrapper() override;
 
   TcpServerWrapper(const TcpServerWrapper&) = delete;

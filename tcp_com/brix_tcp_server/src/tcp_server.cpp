@@ -71,7 +71,7 @@ void TcpServer::tcpCommunication(int socket) {
 }
 
 void TcpServer::attachListener(iRecieveListener* listener) {
-  state_->attachListener(listener);
+  state_->listeners.append(listener);
 }
 
 void TcpServer::attachConnectionListener(std::function<void(bool)> listener) {
@@ -158,16 +158,8 @@ void TcpServer::State::release(bool mayBlock) {
   StopSignal wait;
   while (mayBlock && !ownThread && accepting && !processEnds()) wait.pauseMs(kAcceptPauseMs);
   stop();
-  listeners = nullptr;
+  listeners.clear();
   gate.close(true, insideListener() ? 1 : 0);
-}
-
-void TcpServer::State::attachListener(iRecieveListener* listener) {
-  std::lock_guard<std::mutex> lock(attachLock);
-  const auto known = listeners.load();
-  auto next = known ? std::make_shared<Listeners>(*known) : std::make_shared<Listeners>();
-  next->push_back(listener);
-  listeners = std::shared_ptr<const Listeners>(std::move(next));
 }
 
 // A number that is no client's is the caller's business, as it stands.

@@ -15,6 +15,7 @@
 #include "callback_slot.h"
 #include "delivery_gate.h"
 #include "listen_socket.h"
+#include "listener_list.h"
 #include "message_splitter.h"
 #include "socket_owner.h"
 #include "stop_signal.h"
@@ -54,14 +55,11 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
 
   enum class Ending { RecvError, PeerClosed, QuitCommand, Exit, Quit };
 
-  using Listeners = std::vector<iRecieveListener*>;
-
   struct Accepting;
 
   void createSocket(int port);
   void stop();
   void release(bool mayBlock);
-  void attachListener(iRecieveListener* listener);
   void broadcastData(int socket, const std::string& data);
 
   void acceptLoop(int port);
@@ -86,8 +84,8 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   std::atomic<int> connectionCount{0};
   MessageSplitter reassembly;  // bufferLock; one for all clients
   std::mutex bufferLock;
-  std::thread acceptThread;                               // lifecycleLock
-  ValueSlot<std::shared_ptr<const Listeners>> listeners;  // null: none
+  std::thread acceptThread;  // lifecycleLock
+  ListenerList listeners;
 
   std::atomic<int> clientCount{0};  // as it is
   std::atomic<int> maxClients{0};   // safety options, as the following
@@ -98,7 +96,6 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
 
   std::mutex lifecycleLock;
   std::atomic<bool> accepting{false};  // until the accept thread has ended
-  std::mutex attachLock;               // one attach at a time
   DeliveryGate gate;
 };
 
