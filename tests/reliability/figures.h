@@ -18,12 +18,17 @@ inline constexpr bool kSanitized = true;
 inline constexpr bool kSanitized = false;
 #endif
 
-/// @return how often to repeat: the full number if RELIABILITY=gate is set in the environment, a
-///   twentieth otherwise, as part of the ordinary tests
-inline int volume(int plain, int sanitized) {
+/// @return whether RELIABILITY=gate is set in the environment: full volumes
+inline bool isGate() {
   const char* level = std::getenv("RELIABILITY");
+  return level != nullptr && level == std::string("gate");
+}
+
+/// @return how often to repeat: the full number at the gate, a twentieth as part of the ordinary
+///   tests
+inline int volume(int plain, int sanitized) {
   const int full = kSanitized ? sanitized : plain;
-  return level != nullptr && level == std::string("gate") ? full : std::max(1, full / 20);
+  return isGate() ? full : std::max(1, full / 20);
 }
 
 /// Prints one line of the suite's table, and appends it to the file that RELIABILITY_FIGURES names.

@@ -73,7 +73,7 @@ const char* ListenSocket::listenOn(int port) {
   }
   socklen_t size = sizeof address;
   getsockname(use.fd(), raw, &size);  // the port that the kernel chose, if it was asked to
-  publish(false, ntohs(address.sin_port));
+  publish(address.sin_port == 0, ntohs(address.sin_port));  // an unknown port is not waited for
   return nullptr;
 }
 
