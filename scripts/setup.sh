@@ -43,5 +43,5 @@ setup_test_machine() {
 # What the further checks need beside it.
 setup_check_machine() {
   setup_test_machine
-  ensure_packages clang++:clang clang-format:clang-format clang-tidy:clang-tidy git:git
+  ensure_packages clang++:clang clang-format:clang-format clang-tidy:clang-tidy git:git gcovr:gcovr
 }

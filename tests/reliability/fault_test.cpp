@@ -128,13 +128,13 @@ bool serves(Server& server) {
 
 /// A server starts and serves; then, whatever has failed, it or the next one serves a good client.
 template <typename Server>
-bool playServer() {
+bool playServer(const brix::ServerSafetyOptions& options = {}) {
   auto server = std::make_unique<Server>();
-  if (server->start()) serves(*server);
+  if (server->start(options)) serves(*server);
   memory.nth = 0;
   if (server->port() != 0 && eventually([&] { return serves(*server); }, 10 * kLostMs)) return true;
   server = std::make_unique<Server>();  // the thread that could not be made is not made later
-  return server->start() && eventually([&] { return serves(*server); });
+  return server->start(options) && eventually([&] { return serves(*server); });
 }
 
 template <typename Client>
@@ -154,13 +154,24 @@ bool exchanges(Client& client) {
   return eventually([&] { return client.received.count(name) == 1; }, kLostMs);
 }
 
+brix::ClientSafetyOptions reclaiming() {
+  brix::ClientSafetyOptions options;
+  options.reclaimDescriptors = true;  // a send that meets a reset keeps the descriptor otherwise
+  return options;
+}
+
 template <typename Client>
-bool playClient() {
-  auto client = std::make_unique<Client>();
+bool playClient(const brix::ClientSafetyOptions& options) {
+  const auto make = [&options] {
+    auto client = std::make_unique<Client>();
+    client->client->setSafetyOptions(options);
+    return client;
+  };
+  auto client = make();
   exchanges(*client);
   memory.nth = 0;
   if (eventually([&] { return exchanges(*client); }, 10 * kLostMs)) return true;
-  client = std::make_unique<Client>();  // as above
+  client = make();  // as above
   return eventually([&] { return exchanges(*client); });
 }
 
@@ -212,13 +223,19 @@ struct Play {
   const char* name;
   bool (*play)();
 };
-const Play kPlays[] = {{"state server", playServer<StateServer>},
-                       {"command server", playServer<CommandServer>},
-                       {"state client", playClient<StateClient>},
-                       {"command client", playClient<CommandClient>},
-                       {"command handling", playWrapper},
-                       {"publishing", playCommunicationServer},
-                       {"log", playLog}};
+const auto kHardened = brix::ServerSafetyOptions::hardened();
+const Play kPlays[] = {
+    {"state server", [] { return playServer<StateServer>(); }},
+    {"command server", [] { return playServer<CommandServer>(); }},
+    {"hardened state server", [] { return playServer<StateServer>(kHardened); }},
+    {"hardened command server", [] { return playServer<CommandServer>(kHardened); }},
+    {"state client", [] { return playClient<StateClient>(reclaiming()); }},
+    {"command client", [] { return playClient<CommandClient>(reclaiming()); }},
+    {"hardened command client",
+     [] { return playClient<CommandClient>(brix::ClientSafetyOptions::hardened()); }},
+    {"command handling", playWrapper},
+    {"publishing", playCommunicationServer},
+    {"log", playLog}};
 
 /// Plays while one thing fails; what the call that it hits throws is the application's to catch.
 bool survives(const Play& play) {
