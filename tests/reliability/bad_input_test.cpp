@@ -196,25 +196,10 @@ class Runner {
   /// The next chunk shall not be read together with this one.
   void awaitRead() {
     EXPECT_TRUE(eventually([this] {
-      if (twin_ < 0) twin_ = findTwin();
+      if (twin_ < 0) twin_ = peer_->twin();
       int unread = 0;
       return twin_ >= 0 && (ioctl(twin_, FIONREAD, &unread) != 0 || unread == 0);
     }));
-  }
-
-  /// @return the other end of the peer's connection, which is in this process too
-  int findTwin() const {
-    sockaddr_in own{}, other{};
-    socklen_t size = sizeof own;
-    getsockname(peer_->fd(), reinterpret_cast<sockaddr*>(&own), &size);
-    for (int fd = 0; fd < 256; ++fd) {
-      size = sizeof other;
-      if (getpeername(fd, reinterpret_cast<sockaddr*>(&other), &size) == 0 &&
-          other.sin_family == AF_INET && other.sin_port == own.sin_port) {
-        return fd;
-      }
-    }
-    return -1;
   }
 
   void join() {
