@@ -357,7 +357,7 @@ struct NetworkFaultsTest : testing::Test {
 };
 
 TEST_F(NetworkFaultsTest, ClientsThatVanishAreLetGo) {
-  Peer one(1, kMute), other(2, kMute);
+  Peer one(100, kMute), other(101, kMute);
   const LogCapture log;
   auto command =
       std::async(std::launch::async, [&] { return placesFreeAfterMs<CommandServer>(one); });
