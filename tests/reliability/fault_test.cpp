@@ -137,6 +137,25 @@ bool playServer(const brix::ServerSafetyOptions& options = {}) {
   return server->start(options) && eventually([&] { return serves(*server); });
 }
 
+/// A client is refused for want of room; the server accepts again when there is some.
+template <typename Server>
+bool playRefusal() {
+  Server server;
+  brix::ServerSafetyOptions options;
+  options.maxClients = 1;
+  if (!server.start(options)) return false;
+  {
+    const Unharmed other;
+    const RawSocket first = RawSocket::connectTo(server.port());
+    first.send("first\r\n");
+    eventually([&] { return server.received.count("first") == 1; }, kLostMs);
+    const RawSocket second = RawSocket::connectTo(server.port());
+    eventually([&] { return second.ended(); }, kLostMs);
+  }
+  memory.nth = 0;
+  return eventually([&] { return serves(server); });
+}
+
 template <typename Client>
 bool exchanges(Client& client) {
   static std::atomic<int> number{0};
@@ -229,6 +248,8 @@ const Play kPlays[] = {
     {"command server", [] { return playServer<CommandServer>(); }},
     {"hardened state server", [] { return playServer<StateServer>(kHardened); }},
     {"hardened command server", [] { return playServer<CommandServer>(kHardened); }},
+    {"refusing state server", playRefusal<StateServer>},
+    {"refusing command server", playRefusal<CommandServer>},
     {"state client", [] { return playClient<StateClient>(reclaiming()); }},
     {"command client", [] { return playClient<CommandClient>(reclaiming()); }},
     {"hardened command client",
