@@ -30,10 +30,12 @@ int portOf(int fd, int (*name)(int, sockaddr*, socklen_t*)) {
   return name(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0 ? ntohs(address.sin_port) : 0;
 }
 
-/// @return the server's socket of this connection: it is in this process too
-int serversEnd(const RawSocket& client) {
+/// @return the library's socket of this connection: it is in this process too
+int otherEnd(const RawSocket& own) {
   for (int fd = 0; fd < 1024; ++fd) {
-    if (portOf(fd, getpeername) == portOf(client.fd(), getsockname)) return fd;
+    if (portOf(fd, getpeername) == portOf(own.fd(), getsockname) &&
+        portOf(fd, getsockname) == portOf(own.fd(), getpeername))
+      return fd;
   }
   return -1;
 }
@@ -103,7 +105,7 @@ TYPED_TEST(SafetyLimits, PeerTimeoutIsSetOnTheSockets) {
     const RawSocket client = RawSocket::connectTo(timed.port());
     client.send("in\r\n");
     ASSERT_TRUE(timed.received.gets("in"));
-    const int fd = serversEnd(client);
+    const int fd = otherEnd(client);
     EXPECT_EQ(optionOf(fd, SOL_SOCKET, SO_KEEPALIVE), timeoutMs > 0);
     EXPECT_EQ(optionOf(fd, IPPROTO_TCP, TCP_USER_TIMEOUT), timeoutMs);
     EXPECT_EQ(optionOf(fd, IPPROTO_TCP, TCP_NODELAY), 1);
@@ -163,7 +165,10 @@ TEST(SafetyLimitsOfClients, GiveUpALinkThatHasEnded) {
   client.client->setSafetyOptions(options);
   client.client->setHeartbeatMode(false);
   ASSERT_EQ(client.connect(door.port()), 1);
-  { const RawSocket server = door.accept(); }
+  {
+    const RawSocket server = door.accept();
+    EXPECT_EQ(optionOf(otherEnd(server), IPPROTO_TCP, TCP_USER_TIMEOUT), 5000);
+  }
   EXPECT_TRUE(eventually([&] { return !client.connected(); }));
 }
 

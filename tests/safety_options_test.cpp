@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <optional>
 
 #include "brix_tcp_server.h"
@@ -113,6 +114,31 @@ TYPED_TEST(SafetyOptions, CutsOffWhoDoesNotRead) {
   const std::string block(1 << 20, 'b');
   for (int i = 0; i < 16; ++i) this->server.broadcast(block);
   EXPECT_EQ(reader.read(16 * (block.size() + 2)).size(), 16 * (block.size() + 2));
+  stuck.read(16 * (block.size() + 2));  // what was on its way, up to the end
+  EXPECT_TRUE(stuck.ended());
+}
+
+TEST(SafetyOptionsOfStateServer, ReadNoFurtherThanItMayQueueAndLoseNothing) {
+  constexpr std::size_t kMessageBytes = 1 << 16, kFarTooMany = 1 << 10;
+  std::promise<void> go;
+  std::size_t sent = 0;
+  std::atomic<std::size_t> received{0};
+  StateServer server;
+  ServerSafetyOptions options;
+  options.maxQueuedBytes = 1 << 20;
+  ASSERT_TRUE(server.start(options));
+  server.server.registerMsgListener([&, gone = go.get_future().share()](const std::string&) {
+    gone.wait();
+    ++received;
+  });
+  const RawSocket client = RawSocket::connectTo(server.port());
+  pollfd entry{client.fd(), POLLOUT, 0};
+  for (; sent < kFarTooMany && poll(&entry, 1, 500) == 1; ++sent) {
+    client.send(std::string(kMessageBytes, 'm') + "\r\n");
+  }
+  EXPECT_LT(sent, kFarTooMany);
+  go.set_value();
+  EXPECT_TRUE(eventually([&] { return received == sent; })) << received << " of " << sent;
 }
 
 TEST(SafetyOptionsOfCommandServer, KeepClientsApartAndTakeControlTextsForData) {
@@ -204,6 +230,7 @@ using Clients = testing::Types<StateClient, CommandClient>;
 TYPED_TEST_SUITE(ClientSafety, Clients, );
 
 TYPED_TEST(ClientSafety, DropsWhatIsStaleAndEndsAnEndlessMessage) {
+  const test::LogCapture log;
   const test::RawListener listener;
   TypeParam client;
   ClientSafetyOptions options = ClientSafetyOptions::hardened();
@@ -221,6 +248,26 @@ TYPED_TEST(ClientSafety, DropsWhatIsStaleAndEndsAnEndlessMessage) {
   EXPECT_TRUE(eventually([&] { return client.received.count("whole") == 1; }));
   server.send(std::string(1001, 'x'));
   EXPECT_TRUE(eventually([&] { return !client.client.isConnected(); }));
+  EXPECT_EQ(log.errors("is too long, connection ended"), 1U);  // and not for its silence
+}
+
+TEST(ClientSafetyOptions, DropRequestsOfTheConnectionBefore) {
+  const test::RawListener listener;
+  CommandClient client;
+  ASSERT_TRUE(client.connect(listener.port(), ClientSafetyOptions::hardened()));
+  const RawSocket stuck = listener.accept();
+  for (int i = 0; i < 16; ++i) client.client.send("", std::string(1 << 20, 'b'), 0);
+  client.client.send("", "old", 0);
+  client.disconnect();
+  ASSERT_TRUE(client.reconnect(listener.port()));
+  const RawSocket server = listener.accept();
+  client.client.send("", "new", 0);
+  std::string got;
+  EXPECT_TRUE(eventually([&] {
+    got += server.read(1 << 20, 5);
+    return got.find("new\r\n") != got.npos;
+  }));
+  EXPECT_EQ(got.find("old\r\n"), got.npos);
 }
 
 }  // namespace

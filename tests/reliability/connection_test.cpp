@@ -100,6 +100,7 @@ void expectAllTold(const std::vector<CommandServer>& servers, std::size_t client
 
 TYPED_TEST(ServersOfMany, KeepNothingOfClientsHoweverTheyEnd) {
   constexpr int kServers = 5;
+  constexpr std::size_t kCrowd = 10;
   const LogCapture log;
   const int clients = std::max(volume(5000, 1000) / kServers, kEndings);
   std::vector<TypeParam> servers(kServers);
@@ -129,10 +130,18 @@ TYPED_TEST(ServersOfMany, KeepNothingOfClientsHoweverTheyEnd) {
     EXPECT_TRUE(eventually(count)) << heard.size() << " of " << sent;
     for (const auto& [name, times] : heard) EXPECT_EQ(times, name[0] == 'm' ? 1 : 0) << name;
   }
+  for (const TypeParam& server : servers) {  // a crowd, which leaves all at once
+    for (std::size_t i = 1; i <= kCrowd; ++i) {
+      residents.push_back(RawSocket::connectTo(server.port()));
+      residents.back().send("\r\ncrowd\r\n");
+      EXPECT_TRUE(eventually([&] { return server.received.count("crowd") == i; }));
+    }
+  }
   residents.clear();
-  EXPECT_TRUE(eventually([&] { return log.infos(" quit, remain") == all + kServers; }));
+  EXPECT_TRUE(
+      eventually([&] { return log.infos(" quit, remain") == all + kServers * (1 + kCrowd); }));
   EXPECT_TRUE(census.grownBy(0, 0));
-  expectAllTold(servers, static_cast<std::size_t>(clients) + 1, log);
+  expectAllTold(servers, static_cast<std::size_t>(clients) + 1 + kCrowd, log);
   figure("R1",
          "%s: %d clients (closed, reset, half-closed, reset at once, cut in a message) in %.1f s",
          TypeParam::kName, clients * kServers, seconds);
