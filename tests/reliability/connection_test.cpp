@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <array>
+#include <deque>
 #include <future>
 #include <map>
 
@@ -160,11 +162,11 @@ struct Pair {
   std::vector<std::string> expected;
   double worstMs = 0;
 
-  void reconnect(int pauseMs, int round) {
+  RawSocket reconnect(int pauseMs, int round) {
     client.disconnect();
     std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
     worstMs = std::max(worstMs, timedMs([&] { EXPECT_EQ(client.connect(door.port()), 1); }));
-    const RawSocket peer = door.accept();
+    RawSocket peer = door.accept();
     const std::string request = "request " + std::to_string(round);
     EXPECT_TRUE(client.send(request));
     expected.push_back("reply " + std::to_string(round));
@@ -177,6 +179,7 @@ struct Pair {
     }));
     EXPECT_EQ(got.find(request), got.rfind(request));
     EXPECT_EQ(client.received.all(), expected);
+    return peer;
   }
 };
 
@@ -209,60 +212,103 @@ TYPED_TEST(ClientsOfMany, ReconnectAtAnyMoment) {
          worstMs);
 }
 
-/// Files and sockets of somebody else, opened and closed all the time on the lowest free numbers.
+/// Files and sockets of somebody else, opened all the time and kept for a while: a number that is
+/// given back is theirs at once, as theirs fill the table from below.
 class Strangers {
  public:
   ~Strangers() { stop_ = true; }
-  int harmed() const { return harmed_; }
+  /// Ends the coming and going.
+  /// @return how many were closed, or got a byte, before their own end
+  int harmed() { return stop_ = true, harmed_.get(); }
   int made() const { return made_; }
+  /// Lets others have the numbers that are given back.
+  void rest(bool on) { resting_ = on; }
 
  private:
-  void comeAndGo() {
-    while (!stop_) {
-      auto [left, right] = RawSocket::pair();
-      const int file = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-      struct stat opened {};
-      fstat(file, &opened);
-      std::this_thread::yield();
-      char byte;
-      const bool silent = recv(left.fd(), &byte, 1, MSG_DONTWAIT) == -1 && errno == EAGAIN &&
-                          recv(right.fd(), &byte, 1, MSG_DONTWAIT) == -1 && errno == EAGAIN;
-      struct stat now {};
-      const bool same = fstat(file, &now) == 0 && now.st_rdev == opened.st_rdev;
-      const bool closed =
-          ::close(left.take()) == 0 && ::close(right.take()) == 0 && ::close(file) == 0;
-      if (!silent || !same || !closed) ++harmed_;
-      ++made_;
+  struct Kept {
+    bool untouched() const {
+      return ends.first.silent() && ends.second.silent() && inodes() == before;
     }
+    std::array<ino_t, 3> inodes() const {
+      std::array<ino_t, 3> result{};
+      const int numbers[] = {ends.first.fd(), ends.second.fd(), file.fd()};
+      for (std::size_t i = 0; i < result.size(); ++i) {
+        struct stat is {};
+        if (fstat(numbers[i], &is) == 0) result[i] = is.st_ino;
+      }
+      return result;
+    }
+    const std::pair<RawSocket, RawSocket> ends = RawSocket::pair();
+    const RawSocket file{::open("/dev/null", O_RDWR | O_CLOEXEC)};
+    const std::array<ino_t, 3> before = inodes();
+  };
+
+  int comeAndGo() {
+    constexpr std::size_t kKept = 64;
+    int harmed = 0;
+    std::deque<Kept> all;
+    while (!stop_ || !all.empty()) {
+      if (!stop_ && resting_) continue;
+      if (!stop_) all.emplace_back(), ++made_;
+      if (!stop_ && all.size() < kKept) continue;
+      harmed += !all.front().untouched();
+      all.pop_front();
+    }
+    return harmed;
   }
 
-  std::atomic<bool> stop_{false};
-  std::atomic<int> harmed_{0}, made_{0};
-  std::future<void> thread_ = std::async(std::launch::async, [this] { comeAndGo(); });
+  std::atomic<bool> stop_{false}, resting_{false};
+  std::atomic<int> made_{0};
+  std::future<int> harmed_ = std::async(std::launch::async, [this] { return comeAndGo(); });
 };
+
+/// @return a client whose connection holds little, so that who sends to it waits until it reads
+template <typename Server>
+RawSocket slowClientOf(const Server& server) {
+  RawSocket slow = RawSocket::connectTo(server.port());
+  slow.send("\r\nslow\r\n");
+  EXPECT_TRUE(server.received.gets("slow"));  // now it is registered
+  const int bytes = 32768;
+  setsockopt(slow.fd(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+  EXPECT_EQ(setsockopt(slow.twin(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes), 0);
+  return slow;
+}
 
 TYPED_TEST(ServersOfMany, NeverMistakeANumberThatIsGivenOutAgain) {
   const LogCapture log;
   TypeParam server;
   ASSERT_TRUE(server.start());
-  const RawSocket slow = RawSocket::connectTo(server.port());
-  const Strangers strangers;
+  const RawSocket slow = slowClientOf(server);
+  Strangers strangers;
+  const std::string large(1 << 20, 'x');
   const int rounds = volume(300, 100);
   for (int round = 0; round < rounds; ++round) {
+    const bool stays = round % 2 != 0;
+    strangers.rest(round % 4 == 0);
     RawSocket client = RawSocket::connectTo(server.port());
-    const std::string hello = "hello" + std::to_string(round),
-                      text = "text" + std::to_string(round);
-    client.send("\r\n" + hello + "\r\n");
-    ASSERT_TRUE(server.received.gets(hello));  // now it is registered
-    server.broadcast(text);
+    const std::string number = std::to_string(round), text = "text" + number;
+    client.send("\r\nhello" + number + "\r\n");
+    ASSERT_TRUE(server.received.gets("hello" + number));
+    for (const std::string& each : {large, text}) server.broadcast(each);
+    const std::string all = large + "\r\n" + text + "\r\n";
+    ASSERT_EQ(slow.read(1), "x");  // the server sends to it, and has to wait
+    if (!stays) client.reset();
+    const RawSocket next = RawSocket::connectTo(server.port());  // while the server waits
+    next.send("next" + number + "\r\n");
+    ASSERT_EQ("x" + slow.read(all.size() - 1), all) << round;
+    if (stays) {
+      ASSERT_EQ(client.read(all.size()), all) << round;
+    }
+    ASSERT_TRUE(server.received.gets("next" + number));
     server.broadcast("end");
-    std::string got;
+    ASSERT_EQ(slow.read(5), "end\r\n") << round;
+    if (stays) {
+      ASSERT_EQ(client.read(5), "end\r\n") << round;
+    }
+    std::string heard;
     ASSERT_TRUE(eventually([&] {
-      return got += client.read(1 << 16, 1), got.find(text + "\r\nend\r\n") != got.npos;
-    })) << round
-        << got;
-    EXPECT_EQ(got.find(text), got.rfind(text));
-    if (round % 2 == 0) client.reset();
+      return heard += next.read(1 << 16, 1), heard.find("end\r\n") != heard.npos;
+    })) << round;
   }
   EXPECT_EQ(strangers.harmed(), 0);
   figure("R3", "%s: %d clients among %d foreign sockets and files, 0 harmed", TypeParam::kName,
@@ -272,9 +318,15 @@ TYPED_TEST(ServersOfMany, NeverMistakeANumberThatIsGivenOutAgain) {
 TYPED_TEST(ClientsOfMany, NeverMistakeANumberThatIsGivenOutAgain) {
   const LogCapture log;
   Pair<TypeParam> pair;
-  const Strangers strangers;
+  Strangers strangers;
+  std::unique_ptr<RawSocket> slow;
   const int rounds = volume(300, 100);
-  for (int round = 0; round < rounds; ++round) pair.reconnect(0, round);
+  for (int round = 0; round < rounds; ++round) {
+    slow = std::make_unique<RawSocket>(pair.reconnect(0, round));
+    EXPECT_TRUE(pair.client.send(std::string(8 << 20, 'x')));
+    // It reads no more: the client is to leave while it sends.
+    ASSERT_TRUE(eventually([&] { return slow->read(1) == "x"; }));
+  }
   EXPECT_EQ(strangers.harmed(), 0);
   figure("R3", "%s: %d connections among %d foreign sockets and files, 0 harmed", TypeParam::kName,
          rounds, 3 * strangers.made());

@@ -8,7 +8,9 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <string>
+#include <vector>
 
 namespace test {
 
@@ -30,6 +32,24 @@ inline int volume(int plain, int sanitized) {
   const int full = kSanitized ? sanitized : plain;
   return isGate() ? full : std::max(1, full / 20);
 }
+
+/// How long something took each time. A row's bound is for the median: on a shared machine a single
+/// time tells of the others' work too.
+class Timings {
+ public:
+  void add(double ms) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    all_.insert(std::upper_bound(all_.begin(), all_.end(), ms), ms);
+  }
+  std::size_t count() const { return all_.size(); }
+  double least() const { return all_.empty() ? 0 : all_.front(); }
+  double median() const { return all_.empty() ? 0 : all_[all_.size() / 2]; }
+  double worst() const { return all_.empty() ? 0 : all_.back(); }
+
+ private:
+  std::mutex mutex_;
+  std::vector<double> all_;  // in ascending order; to be read when nobody adds any more
+};
 
 /// Prints one line of the suite's table, and appends it to the file that RELIABILITY_FIGURES names.
 /// @param row  "R1", and so on

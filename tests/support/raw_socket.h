@@ -90,6 +90,27 @@ class RawSocket {
     return got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR);
   }
 
+  /// @return whether it is open and nothing has come
+  bool silent() const {
+    char byte;
+    return recv(fd_, &byte, 1, MSG_DONTWAIT) == -1 && errno == EAGAIN;
+  }
+
+  /// @return the number of the connection's other end in this process; -1: not accepted yet
+  int twin() const {
+    sockaddr_in own{}, other{};
+    socklen_t size = sizeof own;
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&own), &size);
+    for (int fd = 0; fd < 1024; ++fd) {
+      size = sizeof other;
+      if (getpeername(fd, reinterpret_cast<sockaddr*>(&other), &size) == 0 &&
+          other.sin_family == AF_INET && other.sin_port == own.sin_port) {
+        return fd;
+      }
+    }
+    return -1;
+  }
+
   void close() {
     if (fd_ >= 0) ::close(std::exchange(fd_, -1));
   }
@@ -139,16 +160,12 @@ class Bystanders {
 
   /// @return whether all are open and got no byte
   bool untouched() const {
-    return std::all_of(pairs_.begin(), pairs_.end(),
-                       [](const auto& ends) { return idle(ends.first) && idle(ends.second); });
+    return std::all_of(pairs_.begin(), pairs_.end(), [](const auto& ends) {
+      return ends.first.silent() && ends.second.silent();
+    });
   }
 
  private:
-  static bool idle(const RawSocket& socket) {
-    char byte;
-    return recv(socket.fd(), &byte, 1, MSG_DONTWAIT) == -1 && errno == EAGAIN;
-  }
-
   std::vector<std::pair<RawSocket, RawSocket>> pairs_;
 };
 
