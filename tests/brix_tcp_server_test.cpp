@@ -209,45 +209,6 @@ TEST_F(BrixTcpServerTest, StopsWhileAClientDoesNotReadAndAnotherArrives) {
   EXPECT_TRUE(arriving.ended());
 }
 
-TEST_F(BrixTcpServerTest, AThousandConnectionsLeaveNothingBehind) {
-  constexpr std::size_t kServers = 6;
-  constexpr std::size_t kDrivers = 2 * kServers;  // with few clients each in the backlog
-  constexpr std::size_t kCycles = 84;
-  std::vector<Subject> subjects(kServers);
-  for (Subject& subject : subjects) subject.open();
-  const std::size_t descriptors = openDescriptors();
-  const std::size_t runningThreads = settledThreads();
-  std::vector<std::future<void>> drivers;
-  for (std::size_t driver = 0; driver < kDrivers; ++driver) {
-    drivers.push_back(std::async(std::launch::async, [&subject = subjects[driver % kServers]] {
-      for (std::size_t cycle = 0; cycle < kCycles; ++cycle) {
-        RawSocket client = RawSocket::connectTo(subject.server->listeningPort());
-        EXPECT_EQ(client.read(cycle % 3 == 1 ? 3 : 0), cycle % 3 == 1 ? "n\r\n" : "");
-        if (cycle % 3 == 2) client.send("m\r\nm");
-        if (cycle % 2 == 0) client.reset();
-      }
-    }));
-  }
-  EXPECT_TRUE(eventually([&] {
-    const Bystanders others(4);
-    for (Subject& subject : subjects) {
-      subject.server->sendMsg("n");
-      subject.hearMessages();
-    }
-    return others.untouched() && log.infos(" quit, remain connection") == kDrivers * kCycles;
-  }));
-  drivers.clear();
-  for (std::size_t id = 1; id <= 2 * kCycles; ++id) {
-    EXPECT_EQ(log.infos(" socket " + std::to_string(id) + " quit,"), kServers) << id;
-  }
-  for (Subject& subject : subjects) {
-    EXPECT_TRUE(eventually([&] { return subject.links.all().back() == "off"; }));
-    EXPECT_EQ(subject.links.count("on"), 2 * kCycles);
-  }
-  EXPECT_TRUE(eventually([&] { return threads() == runningThreads; }));
-  EXPECT_EQ(openDescriptors(), descriptors);
-}
-
 TEST_F(BrixTcpServerTest, StopsPromptlyAtAnyMomentAndRate) {
   const auto stopOften = [&](unsigned seed) {
     const double ratesMs[] = {0.5, -1, std::nan(""), 60000, 1e300, INFINITY, 0.0004};

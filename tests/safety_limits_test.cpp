@@ -24,22 +24,6 @@ using test::RawListener;
 using test::RawSocket;
 using test::StateServer;
 
-int portOf(int fd, int (*name)(int, sockaddr*, socklen_t*)) {
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  return name(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0 ? ntohs(address.sin_port) : 0;
-}
-
-/// @return the library's socket of this connection: it is in this process too
-int otherEnd(const RawSocket& own) {
-  for (int fd = 0; fd < 1024; ++fd) {
-    if (portOf(fd, getpeername) == portOf(own.fd(), getsockname) &&
-        portOf(fd, getsockname) == portOf(own.fd(), getpeername))
-      return fd;
-  }
-  return -1;
-}
-
 int optionOf(int fd, int level, int name) {
   int value = -1;
   socklen_t size = sizeof value;
@@ -105,7 +89,7 @@ TYPED_TEST(SafetyLimits, PeerTimeoutIsSetOnTheSockets) {
     const RawSocket client = RawSocket::connectTo(timed.port());
     client.send("in\r\n");
     ASSERT_TRUE(timed.received.gets("in"));
-    const int fd = otherEnd(client);
+    const int fd = client.twin();
     EXPECT_EQ(optionOf(fd, SOL_SOCKET, SO_KEEPALIVE), timeoutMs > 0);
     EXPECT_EQ(optionOf(fd, IPPROTO_TCP, TCP_USER_TIMEOUT), timeoutMs);
     EXPECT_EQ(optionOf(fd, IPPROTO_TCP, TCP_NODELAY), 1);
@@ -167,7 +151,7 @@ TEST(SafetyLimitsOfClients, GiveUpALinkThatHasEnded) {
   ASSERT_EQ(client.connect(door.port()), 1);
   {
     const RawSocket server = door.accept();
-    EXPECT_EQ(optionOf(otherEnd(server), IPPROTO_TCP, TCP_USER_TIMEOUT), 5000);
+    EXPECT_EQ(optionOf(server.twin(), IPPROTO_TCP, TCP_USER_TIMEOUT), 5000);
   }
   EXPECT_TRUE(eventually([&] { return !client.connected(); }));
 }
