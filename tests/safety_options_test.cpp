@@ -103,16 +103,6 @@ TYPED_TEST(SafetyOptions, EndsAnEndlessMessage) {
   EXPECT_TRUE(eventually([&] { return this->server.received.count("still here") == 1; }));
 }
 
-TYPED_TEST(SafetyOptions, CutsOffWhoDoesNotRead) {
-  this->options.peerTimeoutMs = 500;
-  ASSERT_TRUE(this->server.start(this->options));
-  const RawSocket stuck = this->served("stuck");  // and its lower number is served first
-  const RawSocket reader = this->served("reader");
-  const std::string block(1 << 20, 'b');
-  for (int i = 0; i < 16; ++i) this->server.broadcast(block);
-  EXPECT_EQ(reader.read(16 * (block.size() + 2)).size(), 16 * (block.size() + 2));
-}
-
 TEST(SafetyOptionsOfCommandServer, KeepClientsApartAndTakeControlTextsForData) {
   CommandServer server;
   ASSERT_TRUE(server.start(ServerSafetyOptions::hardened()));

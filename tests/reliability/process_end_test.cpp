@@ -45,8 +45,11 @@ void leave() {
   std::exit(kStatus);
 }
 
-/// Ends the process if this is the place. Only one thread may call exit().
+std::atomic<bool> hung{false};
+
+/// Ends the process if this is the place, or never returns. Only one thread may call exit().
 void passing(const char* here) {
+  while (armed && place == "hang") hung = true, pause();
   if (!armed || place != here) return;
   while (!armed.exchange(false)) pause();
   leave();
@@ -162,7 +165,8 @@ int live(Family& family) {
   if (place == "leaving") family.disconnect();
   const int port = family.ports.back();
   armed = true;  // from here on the family may be gone
-  if (place == "main" || place == "stuck") return tellTheTime(), kStatus;
+  if (place == "hang") check(eventually([] { return hung.load(); }), "hang");
+  if (place == "main" || place == "stuck" || place == "hang") return tellTheTime(), kStatus;
   if (place == "exit") leave();
   if (place == "thread") std::thread(leave).join();
   if (place == "arrival") RawSocket::connectTo(port).take();
@@ -238,7 +242,7 @@ std::vector<Case> cases() {
   for (const char* family : {"command", "state"}) {
     for (const char* storage : {"static", "kept"}) {
       for (const char* where : {"at once", "main", "exit", "thread", "handler", "broadcast",
-                                "listener", "reply", "arrival", "leaving", "stuck"}) {
+                                "listener", "reply", "arrival", "leaving", "stuck", "hang"}) {
         all.push_back({{"/proc/self/exe", "live", family, storage, where}});
       }
     }

@@ -238,16 +238,18 @@ std::shared_ptr<void> inAStormOfConnections(Subject& subject) {
   });
 }
 
-std::shared_ptr<void> stoppedByItsCallback(Subject& subject) {
-  const auto stopped = std::make_shared<std::promise<void>>();
-  subject.setCallback([stopped, &subject] {
-    subject.stop();
-    stopped->set_value();
-  });
-  RawSocket peer = subject.peer();
-  peer.send(kMessage);
-  EXPECT_TRUE(ready(*stopped));
-  return keep(std::move(peer));
+Situation endedByItsCallback(void (Subject::*end)()) {
+  return [end](Subject& subject) {
+    const auto ended = std::make_shared<std::promise<void>>();
+    subject.setCallback([ended, end, &subject] {
+      EXPECT_LT(timedMs([&] { (subject.*end)(); }), kStopBoundMs + subject.fixedPauseMs);
+      ended->set_value();
+    });
+    RawSocket peer = subject.peer();
+    peer.send(kMessage);
+    EXPECT_TRUE(ready(*ended));
+    return keep(std::move(peer));
+  };
 }
 
 std::shared_ptr<void> whileConnecting(Subject& subject) {
@@ -255,7 +257,8 @@ std::shared_ptr<void> whileConnecting(Subject& subject) {
       std::async(std::launch::async, [&subject] { subject.connectInVain(); }));
 }
 
-constexpr char kConnecting[] = "during connect", kMinuteRate[] = "rate of a minute";
+constexpr char kConnecting[] = "during connect", kMinuteRate[] = "rate of a minute",
+               kDestroyed[] = "destroyed by its callback";
 
 struct Class {
   const char* name;
@@ -272,15 +275,17 @@ const Class kClasses[] = {classOf<StateServerSubject>("BrixTcpServer"),
                           classOf<StateClientSubject>("CommunicationClient"),
                           classOf<ClientSubject<CommandClient>>("TcpClientWrapper")};
 
-const std::pair<const char*, Situation> kSituations[] = {{"idle", [](Subject&) { return nullptr; }},
-                                                         {"connected", connectedIdle},
-                                                         {"silent peer", connectedSilently},
-                                                         {"full buffers", withFullBuffers},
-                                                         {"mid-burst", inABurst},
-                                                         {"accept storm", inAStormOfConnections},
-                                                         {"own callback", stoppedByItsCallback},
-                                                         {kConnecting, whileConnecting},
-                                                         {kMinuteRate, connectedSilently}};
+const std::pair<const char*, Situation> kSituations[] = {
+    {"idle", [](Subject&) { return nullptr; }},
+    {"connected", connectedIdle},
+    {"silent peer", connectedSilently},
+    {"full buffers", withFullBuffers},
+    {"mid-burst", inABurst},
+    {"accept storm", inAStormOfConnections},
+    {"own callback", endedByItsCallback(&Subject::stop)},
+    {kDestroyed, endedByItsCallback(&Subject::destroy)},
+    {kConnecting, whileConnecting},
+    {kMinuteRate, connectedSilently}};
 
 /// @return milliseconds beyond what the class pauses on purpose
 double stopMs(const Class& of, const std::string& name, const Situation& situation) {
@@ -288,7 +293,7 @@ double stopMs(const Class& of, const std::string& name, const Situation& situati
   if (name == kMinuteRate) subject->setRatesOfAMinute();
   subject->start();
   auto kept = situation(*subject);
-  const double stopped = timedMs([&] { subject->stop(); });
+  const double stopped = name == kDestroyed ? 0 : timedMs([&] { subject->stop(); });
   if (name == kConnecting) kept.reset();  // nobody destroys a client that another thread uses
   return stopped + timedMs([&] { subject->destroy(); }) - subject->fixedPauseMs;
 }
