@@ -90,19 +90,6 @@ TYPED_TEST(SafetyOptions, CountsClientsAsTheyAre) {
   }));
 }
 
-TYPED_TEST(SafetyOptions, EndsAnEndlessMessage) {
-  this->options.maxMessageBytes = 100000;
-  ASSERT_TRUE(this->server.start(this->options));
-  const RawSocket good = this->served("good");
-  const RawSocket endless = this->served("endless");
-  endless.send(std::string(100000, 'x'));
-  EXPECT_FALSE(endless.ended());
-  endless.send("yy");
-  EXPECT_TRUE(eventually([&] { return endless.ended(); }));
-  good.send("still here\r\n");
-  EXPECT_TRUE(eventually([&] { return this->server.received.count("still here") == 1; }));
-}
-
 TEST(SafetyOptionsOfCommandServer, KeepClientsApartAndTakeControlTextsForData) {
   CommandServer server;
   ASSERT_TRUE(server.start(ServerSafetyOptions::hardened()));
