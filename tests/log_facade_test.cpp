@@ -135,6 +135,8 @@ TEST(LogFacade, CutsLongTextsAndCountsWhatIsMissing) {
   const std::string cut = big.substr(0, 64 * 1024) + "... (983040 bytes omitted)";
   EXPECT_EQ(said("%s", big.c_str()), cut);
   EXPECT_EQ(said(big.c_str()), cut);
+  EXPECT_EQ(said("head %s|%s|%d", big.c_str(), big.c_str(), 7),
+            "head " + big.substr(0, 64 * 1024 - 5) + "... (2031624 bytes omitted)");
   EXPECT_EQ(said("%99999999999d", 1).size(), 64u * 1024);  // no wider field
   EXPECT_EQ(said("%*d", INT_MIN, 1).size(), 64u * 1024);
 }

@@ -96,31 +96,6 @@ TEST_F(TcpServerTest, CutsChunksIntoMessagesForEveryListener) {
   EXPECT_EQ(log.errors("onReceive exception: "), expected.size());
 }
 
-TEST_F(TcpServerTest, FiveHundredAbortedConnectionsLeaveNothingBehind) {
-  std::vector<std::unique_ptr<brix::TcpServer>> servers;
-  for (int i = 0; i < 5; ++i) start(0), servers.push_back(std::move(server));
-  const Census census{};
-  std::vector<std::future<void>> drivers;
-  for (std::size_t i = 0; i < 10; ++i) {
-    drivers.push_back(std::async(std::launch::async, [to = servers[i / 2]->listeningPort()] {
-      for (std::size_t cycle = 0; cycle < 50; ++cycle) {
-        RawSocket client = RawSocket::connectTo(to);
-        if (cycle % 3 == 0) client.send(std::string(cycle * 397, 'x') + "\r\n");
-        if (cycle % 3 == 1) client.read(1);
-        if (cycle % 2 == 0) client.reset();
-      }
-    }));
-  }
-  EXPECT_TRUE(eventually([&] {
-    const Bystanders others(4);
-    servers[0]->sendMsgs("n");
-    return others.untouched() && log.infos(" quit, remain connection") == 500;
-  }));
-  drivers.clear();
-  EXPECT_TRUE(eventually([] { return sender().listenerCount() == 0; }) && census.grownBy(0, 0));
-  for (const auto& each : servers) each->quit();
-}
-
 TEST_F(TcpServerTest, NewClientsDoNotGetTheNumberOfOneThatIsStillRegistered) {
   const RawSocket leaving = connect();
   EXPECT_TRUE(logged("total count 1"));

@@ -26,11 +26,13 @@ struct ClientLink : ConnectionWorkers {
       : heartbeats(heartbeatMode),
         handle(std::move(transport)),
         maxMessageBytes(options.maxMessageBytes),
+        givesUp(options.peerTimeoutMs > 0),
         dropTail(options.dropStaleOnReconnect) {}
 
   const bool heartbeats;                               // whether it was begun in heartbeat mode
   const std::shared_ptr<BasicClientInterface> handle;  // the transport that was connected
   const std::size_t maxMessageBytes;
+  const bool givesUp;  // a link that has ended is left at once, without a watchdog
   bool dropTail;  // receive cycle only: the tail of the connection before is still to be dropped
   SwapQueue sendQueue;
   SwapQueue recvQueue;
@@ -109,7 +111,7 @@ class TCP_COM_HIDDEN CommunicationClient::State
   int handOver(const char* fmt, const std::function<void(BasicClientInterface&)>& send);
   int handOverText(const char* fmt, const std::function<std::string()>& text);
 
-  std::string readChunk(BasicClientInterface& handle);
+  std::string readChunk(ClientLink& own);
   void warnOfSilence(ClientLink& own);
   bool beating(const ClientLink& own) const;
   void cutMessages(ClientLink& own, const std::string& chunk, const std::string& delimiter);

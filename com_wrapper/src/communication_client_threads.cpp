@@ -37,12 +37,11 @@ void CommunicationClient::State::cycle() {
     if (printFlag) BRIX_LOG_INFO("communication thread quit.");
     return;
   }
-  BasicClientInterface& handle = *own->handle;
-  const std::string chunk = readChunk(handle);
+  const std::string chunk = readChunk(*own);
   log_time::timer_end(own->recvTimer);
   warnOfSilence(*own);
   if (chunk.empty()) return;
-  const std::string& delimiter = handle.delimiter;
+  const std::string& delimiter = own->handle->delimiter;
   if (chunk == delimiter) return;  // no traffic, and nothing for the buffer
   log_time::timer_start(own->recvTimer);
   own->warnCount = 1;
@@ -51,8 +50,11 @@ void CommunicationClient::State::cycle() {
 
 // A silent peer must not keep the cycle from counting the silence: nothing readable is an empty
 // chunk.
-std::string CommunicationClient::State::readChunk(BasicClientInterface& handle) {
-  return handle.waitReadable(kReadSliceMs) ? handle.recieveMsg() : std::string();
+std::string CommunicationClient::State::readChunk(ClientLink& own) {
+  if (!own.handle->waitReadable(kReadSliceMs)) return std::string();
+  std::string chunk = own.handle->recieveMsg();
+  if (chunk.empty() && own.givesUp) own.quitFlag = true;  // the next cycle disconnects
+  return chunk;
 }
 
 void CommunicationClient::State::warnOfSilence(ClientLink& own) {

@@ -24,12 +24,12 @@ struct TCP_COM_API ServerSafetyOptions {
   int maxClients = 0;
 
   /// Longest unfinished message in bytes; a longer one ends its connection as a failed read would.
-  /// 0: none.
+  /// Where clients share a buffer it ends the connection that sent last. 0: none.
   std::size_t maxMessageBytes = 0;
 
   /// Most bytes that wait to be sent. Above, the oldest broadcast or reply is dropped and counted,
-  /// with one log line a second; and as many received ones make the reading wait, which loses
-  /// nothing. 0: none.
+  /// with one log line a second; a reply that leaves in pieces arrives broken if it loses one. As
+  /// many received bytes make the reading wait, which loses nothing. 0: none.
   std::size_t maxQueuedBytes = 0;
 
   /// Milliseconds after which a peer that is gone, or does not read, is cut off. 0: the system's
@@ -60,7 +60,8 @@ struct TCP_COM_API ClientSafetyOptions {
   /// Longest unfinished message in bytes; a longer one ends the connection. 0: none.
   std::size_t maxMessageBytes = 0;
 
-  /// Milliseconds after which a server that is gone, or does not read, is given up. 0: none.
+  /// Milliseconds after which a server that is gone, or does not read, is given up; a connection
+  /// that has ended then falls at once, also without heartbeats. 0: none.
   int peerTimeoutMs = 0;
 
   /// @return all of it

@@ -12,6 +12,7 @@ namespace {
 
 constexpr int kMsPerSecond = 1000;
 constexpr int kUsPerMs = 1000;
+constexpr int kMostSeconds = 2 * 127;  // the system takes no more probes
 
 void setInt(int fd, int level, int name, int value) {
   setsockopt(fd, level, name, &value, sizeof value);
@@ -23,7 +24,7 @@ void setInt(int fd, int level, int name, int value) {
 // the send time-out one that acknowledges but does not read.
 void setPeerTimeout(int fd, int timeoutMs) noexcept {
   if (timeoutMs <= 0) return;
-  const int seconds = std::max(2, (timeoutMs + kMsPerSecond - 1) / kMsPerSecond);
+  const int seconds = std::clamp((timeoutMs - 1) / kMsPerSecond + 1, 2, kMostSeconds);
   const int probes = seconds / 2;  // one a second, after as long a silence
   setInt(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
   setInt(fd, IPPROTO_TCP, TCP_KEEPIDLE, seconds - probes);

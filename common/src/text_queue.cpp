@@ -1,5 +1,7 @@
 #include "text_queue.h"
 
+#include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "log_macros.h"
@@ -16,11 +18,16 @@ std::ptrdiff_t cost(const std::string& text) {
 
 }  // namespace
 
+void TextQueue::setLimit(std::size_t bytes) {
+  constexpr auto kMost = static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max());
+  limit_ = static_cast<std::ptrdiff_t>(std::min(bytes, kMost));
+}
+
 void TextQueue::push(std::string text) {
   const std::ptrdiff_t bytes = cost(text);
   texts_.push(std::move(text));
   bytes_ += bytes;
-  if (limit_ != 0 && bytes_ > limit_) dropOldest();
+  if (drops_ && limit_ != 0 && bytes_ > limit_) dropOldest();
 }
 
 std::string TextQueue::pop() {
@@ -34,15 +41,19 @@ void TextQueue::clear() {
 }
 
 void TextQueue::dropOldest() {
-  while (bytes_ > limit_ && texts_.size() > 1) {
-    pop();
-    ++dropped_;
+  {
+    std::lock_guard<std::mutex> lock(dropLock_);
+    while (bytes_ > limit_ && texts_.size() > 1) {
+      pop();
+      ++dropped_;
+    }
   }
-  reportDropped();
+  report();
 }
 
-void TextQueue::reportDropped() {
-  std::lock_guard<std::mutex> lock(reportLock_);
+void TextQueue::report() {
+  if (dropped_ == 0) return;
+  std::lock_guard<std::mutex> lock(dropLock_);
   log_time::timer_end(sinceReport_);
   if (dropped_ == 0 || (reported_ && sinceReport_.elapsed < kReportMs)) return;
   log_time::timer_start(sinceReport_);

@@ -10,13 +10,15 @@
 
 #include "brix_log.h"
 #include "raw_socket.h"
+#include "splitter_model.h"
 
 /// One run of a target.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace fuzz {
 
-using Messages = std::vector<std::string>;
+using test::Messages;
+using Model = test::SplitterModel;
 
 // Lines are rendered, as they may have faults too, and dropped.
 inline const bool silent = (brix_log::setSink([](brix::LogLevel, const std::string&) {}), true);
@@ -50,46 +52,6 @@ struct Input {
  private:
   // What a socket's buffer takes, and six times that for a reply, while nobody reads.
   static constexpr std::size_t kMaxBytes = 16384, kMaxChunks = 64;
-};
-
-/// The splitter's contract step by step: slow, but plainly right.
-struct Model {
-  /// @return false if the unfinished message got too long; it is dropped then
-  bool feed(const std::string& chunk, const std::string& delimiter = "\r\n") {
-    if (delimiter.empty()) {
-      msgs.push_back(chunk);
-    } else if ((tail += chunk).size() >= 2) {
-      cut(delimiter);
-    }
-    if (maxBytes == 0 || tail.size() <= maxBytes) return true;
-    tail.clear();
-    return false;
-  }
-
-  std::size_t maxBytes = 0;  ///< 0: no limit
-  std::string tail;
-  Messages msgs;
-
- private:
-  void cut(const std::string& delimiter) {
-    const std::size_t size = delimiter.size();
-    const bool ended =
-        tail.size() >= size && tail.compare(tail.size() - size, size, delimiter) == 0;
-    std::string rest = ended ? tail : tail + delimiter;
-    Messages pieces;
-    for (std::size_t at; (at = rest.find(delimiter)) != std::string::npos;) {
-      pieces.push_back(rest.substr(0, at));
-      rest = rest.substr(at + size);
-    }
-    tail.clear();
-    if (!ended || size != 2) {
-      tail = pieces.back();
-      pieces.pop_back();
-    }
-    for (const std::string& piece : pieces) {
-      if (!piece.empty()) msgs.push_back(piece);
-    }
-  }
 };
 
 /// Two ends of a connection on which one send is one receive. Waits for descriptors that the

@@ -13,6 +13,7 @@
 #include "communication_server.h"
 #include "figures.h"
 #include "raw_socket.h"
+#include "splitter_model.h"
 #include "tcp_client.h"
 #include "tcp_client_wrapper.h"
 #include "tcp_server_sender.h"
@@ -99,17 +100,15 @@ class Model {
   explicit Model(Chunks chunks) : chunks_(chunks) {}
   std::vector<string> take(const string& chunk) {
     if (chunks_ == Chunks::NotALoneDelimiter && chunk == "\r\n") return {};
-    tail += chunks_ == Chunks::UpToNul ? string(chunk.c_str()) : chunk;
-    std::vector<string> msgs;
-    for (std::size_t end; (end = tail.find("\r\n")) != tail.npos; tail.erase(0, end + 2)) {
-      if (end > 0) msgs.push_back(tail.substr(0, end));
-    }
-    return msgs;
+    splitter_.feed(chunks_ == Chunks::UpToNul ? string(chunk.c_str()) : chunk);
+    return std::exchange(splitter_.msgs, {});
   }
-  string tail;
+  bool whole() const { return splitter_.tail.empty(); }
+  void clear() { splitter_.tail.clear(); }
 
  private:
   const Chunks chunks_;
+  SplitterModel splitter_;
 };
 
 string described(const string& msg) {
@@ -170,7 +169,7 @@ class Runner {
   void attempt(const std::vector<string>& chunks, bool leaves) {
     for (const string& chunk : chunks) exchange(chunk);
     if (leaves) leave();
-    if (!model_.tail.empty()) {  // ended by somebody, or the good message would be a part of it
+    if (!model_.whole()) {  // ended by somebody, or the good message would be a part of it
       if (!peer_) join();
       exchange("\r\n\r\n");
       if (leaves) leave();
@@ -211,7 +210,7 @@ class Runner {
     peer_.reset();
     twin_ = -1;
     receiver_.awaitLeft();
-    if (!receiver_.oneBuffer) model_.tail.clear();
+    if (!receiver_.oneBuffer) model_.clear();
   }
   const RawSocket& answers() const { return receiver_.answers ? *receiver_.answers : *peer_; }
 

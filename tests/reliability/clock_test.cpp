@@ -194,7 +194,7 @@ class ClockTest : public testing::Test {
 };
 
 TEST_F(ClockTest, JumpsSignalsAndChildrenDisturbNobody) {
-  const double forMs = volume(30, 30) == 30 ? 30000 : 2000;
+  const double forMs = isGate() ? 30000 : 2000;
   const int statePort = transport_->listeningPort(), commandPort = commands_.listeningPort();
   StateClient state;
   CommandClient command;

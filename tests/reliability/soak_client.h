@@ -14,10 +14,8 @@
 #include <thread>
 #include <utility>
 
-#include "communication_client.h"
-#include "tcp_client.h"
-#include "tcp_client_wrapper.h"
 #include "texts.h"
+#include "two_clients.h"
 
 namespace test {
 
@@ -102,46 +100,6 @@ class Ledger {
   std::set<int> excused_;  // lost unless they still come
 };
 
-/// A client of either family.
-struct Link {
-  virtual ~Link() = default;
-  virtual bool connect() = 0;
-  virtual bool connected() = 0;
-  virtual bool send(const std::string& msg) = 0;
-  virtual void disconnect() = 0;
-};
-
-struct CommandLink : Link {
-  CommandLink(int port, bool hardened, brix::iRecieveListener& listener) : port_(port) {
-    if (hardened) client_.setSafetyOptions(brix::ClientSafetyOptions::hardened());
-    client_.attachListener(&listener);
-  }
-  bool connect() override { return client_.connectSocket("127.0.0.1", port_) == 1; }
-  bool connected() override { return client_.isConnected(); }
-  bool send(const std::string& msg) override { return client_.send("", msg, 0); }
-  void disconnect() override { client_.disConnected(); }
-
- private:
-  const int port_;
-  brix::TcpClientWrapper client_;
-};
-
-struct StateLink : Link {
-  StateLink(int port, bool hardened, brix::iRecieveListener& listener) : port_(port) {
-    if (hardened) client_.setSafetyOptions(brix::ClientSafetyOptions::hardened());
-    client_.setClientHandle(std::make_shared<brix::TcpClient>("127.0.0.1", port_));
-    client_.attachListener(&listener);
-  }
-  bool connect() override { return client_.connect("127.0.0.1", port_, 1) == 1; }
-  bool connected() override { return client_.isConnected(); }
-  bool send(const std::string& msg) override { return client_.sendMsg(msg) == 1; }
-  void disconnect() override { client_.disConnect(); }
-
- private:
-  const int port_;
-  brix::CommunicationClient client_;
-};
-
 /// A server's clients and what the server says of them.
 struct Family {
   bool command;
@@ -191,8 +149,9 @@ class Member : public brix::iRecieveListener {
   /// before has been delivered by then, or has spoilt the first message.
   void join() {
     const int before = family_.published;
-    const bool joined =
-        eventually([&] { return (link_->connected() || link_->connect()) && state_ > before; });
+    const bool joined = eventually([&] {
+      return (link_->connected() || link_->connect(family_.port) == 1) && state_ > before;
+    });
     if (!joined) complain("cannot connect, or gets no state");
     const std::lock_guard<std::mutex> lock(seenLock_);
     knownStreams_ = streamCount;
@@ -208,10 +167,12 @@ class Member : public brix::iRecieveListener {
   };
 
   void make() {
+    MaybeSafety safety;
+    if (hardened_) safety = brix::ClientSafetyOptions::hardened();
     if (family_.command) {
-      link_ = std::make_unique<CommandLink>(family_.port, hardened_, *this);
+      link_ = std::make_unique<CommandClient>(safety, this);
     } else {
-      link_ = std::make_unique<StateLink>(family_.port, hardened_, *this);
+      link_ = std::make_unique<StateClient>(safety, this);
     }
   }
 
@@ -277,7 +238,7 @@ class Member : public brix::iRecieveListener {
   int knownStreams_ = std::numeric_limits<int>::max();  // those that the connection may join late
   bool spoilt_ = false;                                 // the first message may be a mixture
   std::atomic<int> state_{-1};
-  std::unique_ptr<Link> link_;  // the last member: its threads use the others
+  std::unique_ptr<AnyClient> link_;  // the last member: its threads use the others
 };
 
 }  // namespace test

@@ -14,11 +14,14 @@ namespace test {
 
 struct StateServer {
   bool start(const brix::ServerSafetyOptions& options = {}) {
-    server.registerMsgListener([this](const std::string& msg) { received.add(msg); });
+    listenAnew();
     server.registerConnectionListener([this](bool any) { links.add(any ? "on" : "off"); });
     if (!server.setSafetyOptions(options)) return false;
     server.initialize(0);
     return server.waitUntilListening(kDeadlineMs);
+  }
+  void listenAnew() {
+    server.registerMsgListener([this](const std::string& msg) { received.add(msg); });
   }
   void broadcast(const std::string& text) { server.sendMsg(text); }
   int port() const { return server.listeningPort(); }
@@ -39,6 +42,7 @@ struct CommandServer : brix::iRecieveListener {
     return server.waitUntilListening(kDeadlineMs);
   }
   void onReceive(const std::string& msg) override { received.add(msg); }
+  void listenAnew() {}  // its listeners only become more
   void broadcast(const std::string& text) { server.sendMsgs(text + "\r\n"); }
   int port() const { return server.listeningPort(); }
   void stop() { server.quit(); }

@@ -82,6 +82,7 @@ class TCP_COM_API TcpClient : public BasicClientInterface {
   void adopt(int fd);
   void lose(const std::shared_ptr<SocketOwner>& failed);
   void giveUp(SocketOwner& left);
+  int sendFlags() const;
   bool cutShort(ssize_t sent, std::size_t size) const;
   bool readAddress(sockaddr_in& address) const;
 

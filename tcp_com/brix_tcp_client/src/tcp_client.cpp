@@ -170,8 +170,9 @@ int TcpClient::openSocket() {
 bool TcpClient::readAddress(sockaddr_in& address) const {
   if (!isPort(serverPort_)) return false;
   address = socketAddress(serverPort_);
-  const bool parsed = inet_pton(AF_INET, serverAddress_.c_str(), &address.sin_addr) == 1;
-  return parsed || !strictAddress_;  // unparsable: stays zero
+  if (strictAddress_) return parseAddress(serverAddress_, address.sin_addr);
+  inet_pton(AF_INET, serverAddress_.c_str(), &address.sin_addr);  // unparsable: stays zero
+  return true;
 }
 
 bool TcpClient::connectSocket(int fd) const {
@@ -194,10 +195,15 @@ bool TcpClient::cutShort(ssize_t sent, std::size_t size) const {
   return peerTimeoutMs_ > 0 && sent != static_cast<ssize_t>(size);
 }
 
+// A signal must not cut a send short where that counts as a peer that does not read.
+int TcpClient::sendFlags() const {
+  return peerTimeoutMs_ > 0 ? 0 : MSG_NOSIGNAL;
+}
+
 void TcpClient::sendMsg(const std::string& msg) {
   const auto socket = owner();
   if (!socket) return;
-  const ssize_t sent = socket->send(msg.data(), msg.size(), MSG_NOSIGNAL);
+  const ssize_t sent = socket->send(msg.data(), msg.size(), sendFlags());
   if (sent >= 0 && !cutShort(sent, msg.size())) return;
   if (logging()) BRIX_LOG_ERROR("send failed %d.", static_cast<int>(sent));
   lose(socket);
@@ -207,7 +213,7 @@ void TcpClient::sendMsg(const char* data, int len) {
   const auto socket = owner();
   if (!socket || data == nullptr || len < 0) return;
   const auto size = static_cast<std::size_t>(len);
-  const ssize_t sent = socket->send(data, size, MSG_NOSIGNAL);
+  const ssize_t sent = socket->send(data, size, sendFlags());
   if (cutShort(sent, size)) lose(socket);  // any other failure shows in the next read
 }
 

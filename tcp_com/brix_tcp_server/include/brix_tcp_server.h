@@ -46,7 +46,7 @@ class TCP_COM_API TcpServerHandler {
   /// @return false if no thread could be created; the connection is then closed
   bool started() const;
 
-  /// Sets maxMessageBytes and peerTimeoutMs; to be called before release().
+  /// maxMessageBytes and peerTimeoutMs are this class's; to be called before release().
   void setSafetyOptions(const ServerSafetyOptions& options);
 
   /// Lets a handler that was created Held read.
@@ -92,7 +92,8 @@ class TCP_COM_API BrixTcpServer : public BasicServerInterface {
   BrixTcpServer& operator=(const BrixTcpServer&) = delete;
 
   /// Sets limits and checks; to be called before the start.
-  /// @return false, with a log line and nothing changed, if allowedPeers cannot be read
+  /// @return false, with a log line and nothing changed, after the start, for a negative number,
+  ///   and if allowedPeers cannot be read
   bool setSafetyOptions(const ServerSafetyOptions& options);
 
   /// Starts the threads. Call it once: on a running server it is refused with a log line, and a

@@ -49,7 +49,8 @@ class TCP_COM_API TcpServer {
 
   /// Sets limits and checks; to be called before createSocket(). The limit of queued bytes is that
   /// of the process's broadcaster: the last one set holds.
-  /// @return false, with a log line and nothing changed, if allowedPeers cannot be read
+  /// @return false, with a log line and nothing changed, after the start, for a negative number,
+  ///   and if allowedPeers cannot be read
   bool setSafetyOptions(const ServerSafetyOptions& options);
 
   /// Starts the accept thread. Must not be called again before quit(), not even if the port could

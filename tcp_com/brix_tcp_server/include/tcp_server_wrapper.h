@@ -51,8 +51,9 @@ class TCP_COM_API TcpServerWrapper : public iRecieveListener {
   TcpServerWrapper(const TcpServerWrapper&) = delete;
   TcpServerWrapper& operator=(const TcpServerWrapper&) = delete;
 
-  /// Sets limits and checks; to be called before init().
-  /// @return false, with a log line and nothing changed, if allowedPeers cannot be read
+  /// Sets limits and checks; to be called before init(), so the port is not for the constructor.
+  /// @return false, with a log line and nothing changed, after the start, for a negative number,
+  ///   and if allowedPeers cannot be read
   bool setSafetyOptions(const ServerSafetyOptions& options);
 
   /// Opens the port. Must not be called while the server runs: it is refused with a log line. After

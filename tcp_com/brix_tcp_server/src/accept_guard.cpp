@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "log_macros.h"
+#include "tcp_address.h"
 
 namespace brix {
 namespace {
@@ -17,6 +18,11 @@ constexpr std::size_t kMostReported = 1024;  // peers that are remembered betwee
 }  // namespace
 
 bool AcceptGuard::configure(const ServerSafetyOptions& options) {
+  if (options.maxClients < 0 || options.peerTimeoutMs < 0) {
+    BRIX_LOG_ERROR("negative safety option, maxClients %d, peerTimeoutMs %d", options.maxClients,
+                   options.peerTimeoutMs);
+    return false;
+  }
   std::vector<Block> blocks;
   for (const std::string& text : options.allowedPeers) {
     Block block{};
@@ -35,7 +41,7 @@ bool AcceptGuard::configure(const ServerSafetyOptions& options) {
 bool AcceptGuard::parse(const std::string& text, Block& block) {
   const std::size_t slash = text.find('/');
   in_addr address{};
-  if (inet_pton(AF_INET, text.substr(0, slash).c_str(), &address) != 1) return false;
+  if (!parseAddress(text.substr(0, slash), address)) return false;
   int bits = kAddressBits;
   if (slash != std::string::npos) {
     const char* const end = text.data() + text.size();

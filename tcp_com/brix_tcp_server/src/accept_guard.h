@@ -15,8 +15,8 @@ namespace brix {
 /// Decides whether an accepted client may stay.
 class AcceptGuard {
  public:
-  /// @return false, with a log line and nothing changed, if an entry of allowedPeers is neither an
-  ///   address nor a block
+  /// @return false, with a log line and nothing changed, if a number is negative, or an entry of
+  ///   allowedPeers is neither an address nor a block
   bool configure(const ServerSafetyOptions& options);
 
   /// @param clients  that are connected without this one

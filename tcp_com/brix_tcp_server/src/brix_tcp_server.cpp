@@ -42,6 +42,11 @@ void BrixTcpServer::registerMsgListener(std::function<void(const std::string&)> 
 }
 
 bool BrixTcpServer::setSafetyOptions(const ServerSafetyOptions& options) {
+  const std::unique_lock<std::mutex> lock(state_->lifecycleLock, std::try_to_lock);
+  if (!lock || state_->anyWorker()) {
+    BRIX_LOG_ERROR("tcp server runs already, safety options not set");
+    return false;
+  }
   if (!state_->listening.setSafetyOptions(options)) return false;
   state_->sendQueue.setLimit(options.maxQueuedBytes);
   state_->recvQueue.setLimit(options.maxQueuedBytes);

@@ -31,7 +31,7 @@ void BrixTcpServer::State::acceptLoop(int port) {
     BRIX_LOG_INFO("tcp server waiting for client on port %d, base socket %d...", port,
                   listening.number());
     sockaddr_in peer{};
-    const int socket = listening.accept(peer, connectionCount());
+    const int socket = listening.accept(peer, [this] { return connectionCount(); });
     if (socket >= 0) guarded("creatSocketHandle exception: %s", [&] { createHandler(socket); });
   }
   BRIX_LOG_INFO("tcp server exit");
@@ -65,7 +65,8 @@ void BrixTcpServer::State::createHandler(int socket) {
 
 // A client that sends faster than the listener takes waits: its messages are not to be lost.
 void BrixTcpServer::State::queueReceived(const std::string& msg) {
-  while (recvQueue.full() && !quit.requested()) quit.pauseMs(kFullQueuePauseMs);
+  const bool own = ThreadMark::standsFor(this);  // a listener's: it would wait for itself
+  while (!own && recvQueue.full() && !quit.requested()) quit.pauseMs(kFullQueuePauseMs);
   recvQueue.push(msg);
 }
 

@@ -9,6 +9,7 @@
 #include "callback_guard.h"
 #include "log_macros.h"
 #include "message_splitter.h"
+#include "peer_timeout.h"
 #include "process_end.h"
 #include "socket_owner.h"
 #include "stop_signal.h"
@@ -86,6 +87,8 @@ bool TcpServerHandler::started() const {
 void TcpServerHandler::setSafetyOptions(const ServerSafetyOptions& options) {
   state_->maxMessageBytes = options.maxMessageBytes;
   state_->cutStalled = options.peerTimeoutMs > 0;
+  const SocketOwner::Use use(state_->socket);
+  if (use) setPeerTimeout(use.fd(), options.peerTimeoutMs);
 }
 
 void TcpServerHandler::release() {

@@ -32,6 +32,7 @@ void BrixTcpServer::State::pumpLoop(const Pump& pump) {
     quit.pauseMs(rate(pump.rate));
     std::unique_lock<std::mutex> lock(pump.lock);
     if (!waitUntilConnected(lock)) break;
+    pump.queue.report();
     if (!pump.queue.empty()) guarded("tcp server pump exception: %s", [&] { pumpOne(pump); });
   }
   BRIX_LOG_INFO(pump.exitText);

@@ -80,7 +80,7 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   ListenSocket listening{quit};
   ValueSlot<ServerSafetyOptions> safety;
   TextQueue sendQueue;
-  TextQueue recvQueue;
+  TextQueue recvQueue{TextQueue::Above::Kept};
   CallbackSlot<void(bool)> connectionListener;
   CallbackSlot<void(const std::string&)> msgListener;
   std::thread acceptThread;  // lifecycleLock, as the three below

@@ -7,6 +7,7 @@
 
 #include <chrono>
 
+#include "callback_guard.h"
 #include "peer_timeout.h"
 #include "tcp_address.h"
 
@@ -14,6 +15,7 @@ namespace brix {
 namespace {
 
 constexpr int kBacklog = 5;
+constexpr double kRefusedPauseMs = 10;  // a storm of strangers must not take the processor
 
 // Without this a broadcast that follows another one waits for the client's delayed acknowledgement,
 // 40 ms. A socket that refuses it is served all the same.
@@ -40,7 +42,8 @@ int ListenSocket::peerTimeoutMs() const {
 /// @return false if an address is set that is none
 bool ListenSocket::readBindAddress(sockaddr_in& address) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return bindAddress_.empty() || inet_pton(AF_INET, bindAddress_.c_str(), &address.sin_addr) == 1;
+  return bindAddress_.empty() ||
+         (parseAddress(bindAddress_, address.sin_addr) && isOfOneHost(address.sin_addr));
 }
 
 const char* ListenSocket::open() {
@@ -77,13 +80,17 @@ const char* ListenSocket::listenOn(int port) {
   return nullptr;
 }
 
-int ListenSocket::accept(sockaddr_in& peer, int clients) {
+int ListenSocket::accept(sockaddr_in& peer, const std::function<int()>& clients) {
   const auto opened = socket();
-  const int client = opened ? opened->accept(peer) : -1;
-  if (client < 0) return client;
-  if (!guard_.admits(peer, clients)) {
+  int client = -1;
+  for (;;) {
+    client = opened ? opened->accept(peer) : -1;
+    if (client < 0) return client;
+    bool admitted = false;  // nor if it cannot be told
+    guarded("accept exception: %s", [&] { admitted = guard_.admits(peer, clients()); });
+    if (admitted) break;
     close(client);
-    return kRefused;
+    stop_.pauseMs(kRefusedPauseMs);
   }
   sendAtOnce(client);
   setPeerTimeout(client, peerTimeoutMs());

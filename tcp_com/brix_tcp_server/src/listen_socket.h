@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -16,7 +17,7 @@ namespace brix {
 class ListenSocket {
  public:
   /// @param stop  the server's stop; once asked for, no port is announced any more
-  explicit ListenSocket(const StopSignal& stop) : stop_(stop) {}
+  explicit ListenSocket(StopSignal& stop) : stop_(stop) {}
 
   /// To be called before listenOn().
   /// @return false, with a log line and nothing changed, if a value is not valid
@@ -31,15 +32,11 @@ class ListenSocket {
   /// @return as above
   const char* listenOn(int port);
 
-  /// What accept() returns for a client that it has closed again.
-  static constexpr int kRefused = -2;
-
-  /// Waits for a client.
+  /// Waits for a client that may stay; closes the others.
   /// @param peer  gets its address
-  /// @param clients  that are connected already
-  /// @return its descriptor, which sends small messages at once; kRefused; -1 on an error and after
-  ///   the end
-  int accept(sockaddr_in& peer, int clients);
+  /// @param clients  tells how many are connected already
+  /// @return its descriptor, which sends small messages at once; -1 on an error and after the end
+  int accept(sockaddr_in& peer, const std::function<int()>& clients);
 
   /// The accept thread could not be started.
   void fail();
@@ -62,7 +59,7 @@ class ListenSocket {
   bool readBindAddress(sockaddr_in& address) const;
   void publish(bool failed, int port);
 
-  const StopSignal& stop_;
+  StopSignal& stop_;
   AcceptGuard guard_;
   mutable std::mutex mutex_;  // innermost; guards what follows
   mutable std::condition_variable changed_;

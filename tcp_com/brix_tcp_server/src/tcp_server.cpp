@@ -52,6 +52,11 @@ void TcpServer::release(bool mayBlock) {
 }
 
 bool TcpServer::setSafetyOptions(const ServerSafetyOptions& options) {
+  const std::unique_lock<std::mutex> lock(state_->lifecycleLock, std::try_to_lock);
+  if (!lock || state_->acceptThread.joinable()) {
+    BRIX_LOG_ERROR("tcp server was started already, safety options not set");
+    return false;
+  }
   if (!state_->listening.setSafetyOptions(options)) return false;
   state_->applyOptions(options);
   return true;
@@ -198,8 +203,7 @@ void TcpServer::State::acceptOne(int port) {
   if (maxClients == 0 && connectionCount > kMostBeforeAccept) return;
   BRIX_LOG_INFO("TCPServer Waiting for client on port %d...", port);
   sockaddr_in peer{};
-  const int socket = listening.accept(peer, clientCount);
-  if (socket == ListenSocket::kRefused) return;
+  const int socket = listening.accept(peer, [this] { return clientCount.load(); });
   if (socket < 0) {
     BRIX_LOG_INFO("accept connection failed! errno = %d", kUnreportedErrno);
     return;

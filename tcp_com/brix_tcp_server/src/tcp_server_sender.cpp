@@ -176,6 +176,7 @@ void BroadcastCore::cycle() {
   if (!lockInSteps(listenerLock_, quit_)) return;
   std::lock_guard<LogMutex> lock(listenerLock_, std::adopt_lock);
   removeReleased(released, removed);
+  msgQueue_.report();
   if (!msgQueue_.empty()) sendOne();
 }
 

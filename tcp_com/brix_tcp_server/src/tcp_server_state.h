@@ -79,8 +79,8 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   bool onAcceptThread() const { return ThreadMark::standsFor(&acceptThread); }
   bool insideListener() const { return ThreadMark::standsFor(&gate); }
 
-  ListenSocket listening{quit};
   StopSignal quit;
+  ListenSocket listening{quit};
   std::atomic<int> connectionCount{0};
   MessageSplitter reassembly;  // bufferLock; one for all clients
   std::mutex bufferLock;
