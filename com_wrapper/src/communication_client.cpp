@@ -36,6 +36,10 @@ void CommunicationClient::setSafetyOptions(const ClientSafetyOptions& options) {
   state_->safety = options;
 }
 
+void CommunicationClient::setDeliveryMode(DeliveryMode mode) {
+  state_->mode = mode;
+}
+
 void CommunicationClient::setPrintFlag(bool print) {
   state_->printFlag = print;
   if (const auto handle = state_->clientHandle.load()) atomicStore(handle->logFlag, print);

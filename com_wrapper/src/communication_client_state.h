@@ -70,6 +70,7 @@ class TCP_COM_HIDDEN CommunicationClient::State
 
   ValueSlot<std::shared_ptr<BasicClientInterface>> clientHandle;
   ValueSlot<std::optional<ClientSafetyOptions>> safety;
+  std::atomic<DeliveryMode> mode{DeliveryMode::Polled};
   std::atomic<double> sendRate{0.5};
   std::atomic<double> recvRate{0.5};
   std::atomic<bool> connected{false};

@@ -8,6 +8,7 @@
 
 #include "basic_server_interface.h"
 #include "callback_slot.h"
+#include "delivery_mode.h"
 #include "safety_options.h"
 #include "tcp_com_export.h"
 
@@ -94,6 +95,9 @@ class TCP_COM_API BrixTcpServer : public BasicServerInterface {
   /// Sets limits and checks; to be called before the start.
   /// @return false, with a log line and nothing changed, if allowedPeers cannot be read
   bool setSafetyOptions(const ServerSafetyOptions& options);
+
+  /// Sets how messages are handed over; to be called before the start. Default: Polled.
+  void setDeliveryMode(DeliveryMode mode);
 
   /// Starts the threads. Call it once: on a running server it is refused with a log line, and a
   /// stopped server stays stopped.

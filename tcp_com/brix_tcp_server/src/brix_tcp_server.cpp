@@ -49,6 +49,10 @@ bool BrixTcpServer::setSafetyOptions(const ServerSafetyOptions& options) {
   return true;
 }
 
+void BrixTcpServer::setDeliveryMode(DeliveryMode mode) {
+  state_->mode = mode;
+}
+
 void BrixTcpServer::sendMsg(const std::string& msg) {
   state_->sendQueue.push(msg + delimiter);
 }

@@ -79,6 +79,7 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   StopSignal quit;
   ListenSocket listening{quit};
   ValueSlot<ServerSafetyOptions> safety;
+  std::atomic<DeliveryMode> mode{DeliveryMode::Polled};
   TextQueue sendQueue;
   TextQueue recvQueue;
   CallbackSlot<void(bool)> connectionListener;
