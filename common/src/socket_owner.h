@@ -54,7 +54,8 @@ class SocketOwner {
   /// Gives the descriptor up without closing it.
   void abandon() noexcept;
 
-  /// One send of all bytes; retried if a signal came before any byte went. Never raises SIGPIPE.
+  /// One send of all bytes, as if by one call; retried if a signal came before any byte went. Never
+  /// raises SIGPIPE.
   /// @return as send(2); -1 with EBADF after the end
   ssize_t send(const void* data, std::size_t size, int flags) noexcept;
 

@@ -2,12 +2,8 @@
 
 #include <utility>
 
-#include "log_macros.h"
-
 namespace brix {
 namespace {
-
-constexpr double kReportMs = 1000;
 
 // An empty text takes memory too.
 std::ptrdiff_t cost(const std::string& text) {
@@ -23,10 +19,35 @@ void TextQueue::push(std::string text) {
   if (limit_ != 0 && bytes_ > limit_) dropOldest();
 }
 
+std::size_t TextQueue::pushUntilFull(std::vector<std::string>& texts, std::size_t first) {
+  const std::ptrdiff_t limit = limit_;
+  const std::ptrdiff_t before = bytes_;
+  std::ptrdiff_t added = 0;
+  std::size_t end = first;
+  while (end < texts.size() && (limit == 0 || before + added < limit)) added += cost(texts[end++]);
+  const auto begin = texts.begin();
+  texts_.pushAll(begin + static_cast<std::ptrdiff_t>(first),
+                 begin + static_cast<std::ptrdiff_t>(end));
+  bytes_ += added;
+  return end;
+}
+
 std::string TextQueue::pop() {
   std::string text;
   if (texts_.tryPop(text)) bytes_ -= cost(text);
   return text;
+}
+
+void TextQueue::popSome(std::vector<std::string>& texts, std::size_t bytes) {
+  std::size_t taken = 0;
+  texts_.popWhile([&](std::string&& text) {
+    if (taken != 0 && taken + text.size() > bytes) return false;
+    const std::ptrdiff_t freed = cost(text);
+    texts.push_back(std::move(text));
+    taken += static_cast<std::size_t>(freed);
+    bytes_ -= freed;
+    return true;
+  });
 }
 
 void TextQueue::clear() {
@@ -36,18 +57,9 @@ void TextQueue::clear() {
 void TextQueue::dropOldest() {
   while (bytes_ > limit_ && texts_.size() > 1) {
     pop();
-    ++dropped_;
+    report_.count();
   }
-  reportDropped();
-}
-
-void TextQueue::reportDropped() {
-  std::lock_guard<std::mutex> lock(reportLock_);
-  log_time::timer_end(sinceReport_);
-  if (dropped_ == 0 || (reported_ && sinceReport_.elapsed < kReportMs)) return;
-  log_time::timer_start(sinceReport_);
-  reported_ = true;
-  BRIX_LOG_ERROR("too many bytes queued, oldest texts dropped: %d", dropped_.exchange(0));
+  report_.tell();
 }
 
 }  // namespace brix

@@ -2,10 +2,11 @@
 
 #include <atomic>
 #include <cstddef>
-#include <mutex>
 #include <string>
+#include <vector>
 
 #include "data_queue.h"
+#include "drop_report.h"
 
 namespace brix {
 
@@ -18,11 +19,18 @@ class TextQueue {
   /// Appends a text. Above the limit the oldest ones are dropped, with one log line a second.
   void push(std::string text);
 
+  /// Appends texts from the one at `first` on until the limit is reached. Drops nothing.
+  /// @return the place of the first one that was not appended
+  std::size_t pushUntilFull(std::vector<std::string>& texts, std::size_t first);
+
   /// @return whether the texts have reached the limit; their sender may wait instead of pushing
   bool full() const { return limit_ != 0 && bytes_ >= limit_; }
 
   /// @return the oldest text, or an empty one if there is none
   std::string pop();
+
+  /// Moves the oldest text to the end of `texts`, and those after it up to that many bytes in all.
+  void popSome(std::vector<std::string>& texts, std::size_t bytes);
 
   bool empty() const { return texts_.empty(); }
   std::size_t size() const { return texts_.size(); }
@@ -30,15 +38,11 @@ class TextQueue {
 
  private:
   void dropOldest();
-  void reportDropped();
 
   DataQueue<std::string> texts_;
   std::atomic<std::ptrdiff_t> limit_{0};
   std::atomic<std::ptrdiff_t> bytes_{0};  // may fall below 0 for a moment
-  std::atomic<int> dropped_{0};           // since the last log line
-  std::mutex reportLock_;                 // innermost
-  log_time::TimerUnit sinceReport_;
-  bool reported_ = false;  // reportLock_, as the timer
+  DropReport report_;
 };
 
 }  // namespace brix

@@ -26,6 +26,7 @@ enum class HandlerStart {
 /// call every operation and may drop the last reference to the handler; what it throws is logged,
 /// and the handler goes on.
 class TCP_COM_API TcpServerHandler {
+  friend class BrixTcpServer;
   struct State;
   std::shared_ptr<State> state_;  // shared with the thread
 
@@ -115,6 +116,12 @@ class TCP_COM_API BrixTcpServer : public BasicServerInterface {
   /// Queues one message, with the delimiter appended, for all clients. Returns at once. Messages
   /// queued while nobody is connected wait for a client.
   void sendMsg(const std::string& msg) override;
+
+  /// Sets the pause between two sends in milliseconds; to 0 and from 0 it takes effect at once.
+  void setSendRate(double rate) override;
+
+  /// As above, between two deliveries.
+  void setRecvRate(double rate) override;
 
   /// @return whether accept, send and receive thread have ended in order; false, on purpose, on a
   ///   server that could not open its port
