@@ -145,6 +145,29 @@ class Stopwatch {
   std::int64_t startCpuNs_ = clockNs(CLOCK_PROCESS_CPUTIME_ID);
 };
 
+/// Runs `body` with larger and larger counts until one run takes the wanted time: programs that
+/// differ by a factor of 10,000 all get runs of that length. Only the last run is reported.
+template <typename Body>
+Json::Value runLongEnough(const Options& options, double perCount, const Body& body) {
+  const double wantedS = options.number("ms", 300) / 1e3;
+  std::int64_t count = options.count("first", 64);
+  while (true) {
+    const Stopwatch watch;
+    body(count);
+    const double seconds = watch.seconds();
+    const double cpuUs = watch.cpuUs();
+    if (seconds >= 0.7 * wantedS) {
+      const double done = static_cast<double>(count) * perCount;
+      Json::Value figures;
+      figures["per_s"] = done / seconds;
+      figures["cpu_us_each"] = cpuUs / done;
+      return figures;
+    }
+    const double factor = std::clamp(wantedS / seconds, 1.5, 10.0);
+    count = static_cast<std::int64_t>(static_cast<double>(count) * factor);
+  }
+}
+
 /// Counts what arrives on any thread; others wait for it without using the processor.
 class Arrivals {
  public:

@@ -97,7 +97,6 @@ inline void feedRaw(const std::vector<int>& sockets, std::int64_t each, std::siz
 
 inline Json::Value ingest(const MakePeer& makePeer, const Options& options) {
   const auto clients = static_cast<int>(options.count("clients", 1));
-  const std::int64_t each = options.count("messages", 200'000) / clients;
   const auto batchBytes = static_cast<std::size_t>(options.count("batch_bytes", kChunkBytes));
   const bool raw = rawClients(options);
   Arrivals arrivals;
@@ -117,28 +116,24 @@ inline Json::Value ingest(const MakePeer& makePeer, const Options& options) {
     peer->awaitClients(clients);
   }
 
-  const Stopwatch watch;
-  if (raw) {
-    feedRaw(sockets, each, batchBytes);
-  } else {
-    const std::string text = stampedText(kRequestBytes);
-    for (std::int64_t sent = 0; sent < each; ++sent) {
+  const std::string text = stampedText(kRequestBytes);
+  std::int64_t wanted = 0;
+  const Json::Value figures = runLongEnough(options, clients, [&](std::int64_t each) {
+    const std::int64_t before = wanted;
+    wanted += each * clients;
+    if (raw) feedRaw(sockets, each, batchBytes);
+    for (std::int64_t sent = 1; !raw && sent <= each; ++sent) {
       for (int i = 0; i < clients; ++i) peer->send(i, text);
-      keepWindow(arrivals, sent + 1, clients, [] {});
+      keepWindow(arrivals, before / clients + sent, clients, [] {});
     }
-  }
-  arrivals.waitFor(each * clients);
-  const auto messages = static_cast<double>(each * clients);
-  Json::Value figures;
-  figures["per_s"] = messages / watch.seconds();
-  figures["cpu_us_per_message"] = watch.cpuUs() / messages;
+    arrivals.waitFor(wanted);
+  });
   for (const int fd : sockets) close(fd);
   return figures;
 }
 
 inline Json::Value fanOut(const MakePeer& makePeer, const Options& options) {
   const auto clients = static_cast<int>(options.count("clients", 1));
-  const std::int64_t texts = options.count("texts", 20'000);
   const std::string text = stampedText(kStateBytes);
   const bool raw = rawClients(options);
   // Plain readers count bytes: finding lines would be a cost of the measurement.
@@ -161,17 +156,15 @@ inline Json::Value fanOut(const MakePeer& makePeer, const Options& options) {
   holdIfAsked(options);
   const ProcessState connected = ProcessState::now();
 
-  const Stopwatch watch;
-  for (std::int64_t sent = 1; sent <= texts; ++sent) {
-    peer->publish(text);
-    keepWindow(arrivals, sent, perText, [&] { peer->flush(); });
-  }
-  peer->flush();
-  arrivals.waitFor(texts * perText);
-  Json::Value figures;
-  const auto deliveries = static_cast<double>(texts * clients);
-  figures["per_s"] = deliveries / watch.seconds();
-  figures["cpu_us_per_delivery"] = watch.cpuUs() / deliveries;
+  std::int64_t sent = 0;
+  Json::Value figures = runLongEnough(options, clients, [&](std::int64_t texts) {
+    for (const std::int64_t last = sent + texts; sent < last;) {
+      peer->publish(text);
+      keepWindow(arrivals, ++sent, perText, [&] { peer->flush(); });
+    }
+    peer->flush();
+    arrivals.waitFor(sent * perText);
+  });
   figures["threads"] = static_cast<Json::Int64>(connected.threads);
   figures["kib_per_client"] =
       static_cast<double>(connected.residentKib - before.residentKib) / clients;
