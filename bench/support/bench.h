@@ -234,7 +234,7 @@ class ClosedLoop {
     Json::Value figures;
     const auto requests = static_cast<double>(samples_.size());
     samples_.report(figures);
-    figures["cpu_us_per_request"] = cpuUs_ / requests;
+    figures["cpu_us_each"] = cpuUs_ / requests;
     return figures;
   }
 
