@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -17,19 +19,43 @@ class SwapQueue {
     hasData_.store(true, std::memory_order_release);
   }
 
-  /// Takes what is queued, and its storage.
-  std::vector<std::string> takeAll() {
-    std::vector<std::string> taken;
+  /// Moves the texts in, and leaves an empty list.
+  void pushAll(std::vector<std::string>& texts) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (texts_.empty()) {
+        texts_.swap(texts);
+      } else {
+        texts_.insert(texts_.end(), std::make_move_iterator(texts.begin()),
+                      std::make_move_iterator(texts.end()));
+      }
+      hasData_.store(!texts_.empty(), std::memory_order_release);
+    }
+    texts.clear();
+  }
+
+  /// Exchanges what is queued for the storage of `texts`, which are dropped; that of a burst is
+  /// given back.
+  void takeAll(std::vector<std::string>& texts) {
+    texts.clear();
+    if (texts.capacity() > kMostKept) texts = std::vector<std::string>();
     std::lock_guard<std::mutex> lock(mutex_);
-    taken.swap(texts_);
+    texts.swap(texts_);
     hasData_.store(false, std::memory_order_release);
-    return taken;
+  }
+
+  /// Drops what is queued, and its storage.
+  void clear() {
+    std::vector<std::string> dropped;
+    takeAll(dropped);
   }
 
   /// Tells without the lock: consumers poll.
   bool empty() const { return !hasData_.load(std::memory_order_acquire); }
 
  private:
+  static constexpr std::size_t kMostKept = 4096;
+
   std::mutex mutex_;  // innermost
   std::vector<std::string> texts_;
   std::atomic<bool> hasData_{false};

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +17,9 @@
 namespace brix {
 namespace {
 
+constexpr int kMsPerSecond = 1000;
+constexpr int kUsPerMs = 1000;
+
 /// Again after a signal that came before any byte went.
 ssize_t sendOnce(int fd, const void* data, std::size_t size, int flags) noexcept {
   ssize_t sent = -1;
@@ -27,13 +31,18 @@ ssize_t sendOnce(int fd, const void* data, std::size_t size, int flags) noexcept
 
 }  // namespace
 
-int pollFor(int fd, short events, double ms) noexcept {
+bool wouldBlock() noexcept {
+  return errno == EAGAIN || errno == EWOULDBLOCK;
+}
+
+int pollFor(int fd, short events, double ms, int wakeUp) noexcept {
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::microseconds(pauseMicros(ms));
-  pollfd entry{fd, events, 0};
+  pollfd entries[] = {{fd, events, 0}, {wakeUp, POLLIN, 0}};
+  const nfds_t count = wakeUp < 0 ? 1 : 2;
   for (;;) {
     const std::chrono::duration<double, std::milli> left = deadline - Clock::now();
-    const int result = poll(&entry, 1, wholeMs(std::ceil(left.count())));
+    const int result = poll(entries, count, wholeMs(std::ceil(left.count())));
     if (result != -1 || errno != EINTR) return result;
   }
 }
@@ -115,10 +124,11 @@ ssize_t SocketOwner::send(const void* data, std::size_t size, int flags) noexcep
 ssize_t SocketOwner::recv(void* buffer, std::size_t size, int flags) noexcept {
   const Use use(*this);
   if (!use) return -1;
+  const bool mayWait = (flags & MSG_DONTWAIT) == 0;
   ssize_t received = -1;
   do {
     received = ::recv(fd_, buffer, size, flags);
-  } while (received == -1 && errno == EINTR);
+  } while (received == -1 && (errno == EINTR || (slicedBySystem_ && mayWait && wouldBlock())));
   return received;
 }
 
@@ -133,10 +143,31 @@ int SocketOwner::accept(sockaddr_in& peer) noexcept {
   return accepted;
 }
 
-bool SocketOwner::waitReadable(double ms) noexcept {
+void SocketOwner::setSlice(int ms) noexcept {
+  const Use use(*this);
+  const timeval limit{ms / kMsPerSecond, ms % kMsPerSecond * kUsPerMs};
+  sliceMs_ = ms;
+  slicedBySystem_ = use && setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0;
+}
+
+// Not again after a signal: many of them would make the wait endless.
+ssize_t SocketOwner::recvSlice(void* buffer, std::size_t size) noexcept {
+  const Use use(*this);
+  if (!use) return -1;
+  int flags = MSG_NOSIGNAL;
+  if (!slicedBySystem_) {
+    flags |= MSG_DONTWAIT;
+    pollFor(fd_, POLLIN, sliceMs_);
+  }
+  const ssize_t received = ::recv(fd_, buffer, size, flags);
+  if (received == -1 && errno == EINTR) errno = EAGAIN;
+  return received;
+}
+
+bool SocketOwner::waitReadable(double ms, int wakeUp) noexcept {
   const Use use(*this);
   if (!use) return true;
-  return pollFor(fd_, POLLIN, ms) != 0;
+  return pollFor(fd_, POLLIN, ms, wakeUp) != 0;
 }
 
 }  // namespace brix

@@ -2,7 +2,6 @@
 
 #include <sys/socket.h>
 
-#include <cerrno>
 #include <utility>
 
 namespace brix {
@@ -11,10 +10,6 @@ namespace {
 constexpr std::size_t kChunkBytes = 65536;
 
 }  // namespace
-
-bool wouldBlock() noexcept {
-  return errno == EAGAIN || errno == EWOULDBLOCK;
-}
 
 void SendBacklog::configure(std::size_t limitBytes, int timeoutMs) {
   limitBytes_ = limitBytes;

@@ -63,7 +63,4 @@ class SendBacklog {
   std::string chunk_;
 };
 
-/// @return whether send() has failed because it would have blocked
-bool wouldBlock() noexcept;
-
 }  // namespace brix
