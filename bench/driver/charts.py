@@ -19,7 +19,7 @@ def bars(path, title, axis, rows, series, log=True):
         "set style fill solid noborder",
         "set grid xtics",
         "set tics nomirror",
-        'set key outside bottom center horizontal' if len(series) > 1 else "unset key",
+        'set key above horizontal' if len(series) > 1 else "unset key",
         f"set ytics ({tics}) noenhanced",
         f"set yrange [{len(rows) * step - 1}:-1]",
         f"set xrange [{base}:*]",

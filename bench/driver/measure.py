@@ -7,6 +7,7 @@ import re
 import subprocess
 import sys
 import tempfile
+import time
 
 TIMEOUT_S = 120
 TRACED_MS = (200, 800)
@@ -58,7 +59,7 @@ class Bench:
     def splitting(self, run):
         """Google Benchmark: one row for each of its benchmarks."""
         with tempfile.NamedTemporaryFile("r") as result:
-            seconds = 0.02 if self.quick else 0.1
+            seconds = 0.01 if self.quick else 0.05
             command = self.command(run)[:-1]
             command += [f"--benchmark_out={result.name}", "--benchmark_out_format=json",
                         f"--benchmark_min_time={seconds}"]
@@ -71,8 +72,8 @@ class Bench:
             if "p50_us" in one:
                 row = {"p50_us": one["p50_us"]}
             else:
-                time = one["real_time" if "manual_time" in one["name"] else "cpu_time"]
-                row = {"ms": time / 1e6, "gb_per_s": one["bytes_per_second"] / 1e9}
+                clock = "real_time" if "manual_time" in one["name"] else "cpu_time"
+                row = {"ms": one[clock] / 1e6, "gb_per_s": one["bytes_per_second"] / 1e9}
                 if one["items_per_second"] > 1e3:
                     row["ns_each"] = 1e9 / one["items_per_second"]
             rows["/".join(one["name"].split("/")[:2])] = row
@@ -122,8 +123,9 @@ def collect(bench, runs, rounds, log=sys.stderr):
     for run in runs:
         workloads.setdefault(run.workload, []).append(run)
     for workload, its_runs in sorted(workloads.items()):
+        start = time.monotonic()
         for number in range(rounds):
-            print(f"== {workload}, round {number + 1} of {rounds}", file=log, flush=True)
+            print(f"\r== {workload}, round {number + 1} of {rounds}", end="", file=log, flush=True)
             for run in its_runs:
                 if not run.held:
                     add(bench.figures(run))
@@ -133,4 +135,5 @@ def collect(bench, runs, rounds, log=sys.stderr):
                     add(figures)
             if run.traced:
                 add({run.key: {"calls_per_s": bench.calls_per_s(run)}})
+        print(f", {time.monotonic() - start:.0f} s", file=log)
     return results

@@ -19,7 +19,7 @@ class Run:
     row: str
     program: str
     words: tuple
-    ms: int = 300
+    ms: int = 250
     held: bool = False  # started together with the other rounds, measured one after the other
     traced: bool = False  # once more under strace, which counts system calls
 
@@ -45,14 +45,14 @@ def clients_part(clients):
 
 
 def request_reply():
-    def run(row, program, *words, ms=300):
+    def run(row, program, *words, ms=250):
         return Run("W1", "", row, program, ("request_reply",) + words, ms)
 
     yield run("raw sockets, two threads", "bench_raw")
     yield run("raw sockets, one more hop a side", "bench_raw", "hops=1")
     for row, mode in MODES.items():
-        yield run(OURS + row, "bench_brix", f"mode={mode}", ms=400)
-    yield run(LITERAL, "bench_literal", ms=400)
+        yield run(OURS + row, "bench_brix", f"mode={mode}", ms=300)
+    yield run(LITERAL, "bench_literal", ms=300)
     yield run("literal path, rate 0", "bench_literal", "rate_ms=0")
     for peer in PEERS:
         yield run(peer, f"bench_{peer.lower()}")
@@ -62,15 +62,14 @@ def throughput(workload, program_workload, counts):
     for clients in counts:
         def run(row, program, *words):
             words = (program_workload, f"clients={clients}") + words
-            return Run(workload, clients_part(clients), row, program, words, 250)
+            return Run(workload, clients_part(clients), row, program, words, 170)
 
         yield run("raw sockets, batched", "bench_raw")
         yield run("raw sockets, one send a text", "bench_raw", "batch_bytes=0")
         for row, mode in MODES.items():
             if row != WAKE:
                 yield run(OURS + row, "bench_brix", f"mode={mode}")
-        for row in (RATE0, DIRECT):
-            yield run(OURS + row + OWN, "bench_brix", f"mode={MODES[row]}", "clients_are=own")
+        yield run(OURS + RATE0 + OWN, "bench_brix", "mode=rate0", "clients_are=own")
         for peer in PEERS:
             own = peer in ("ZeroMQ", "nng")
             yield run(peer, f"bench_{peer.lower()}", *(("clients_are=own",) if own else ()))
@@ -97,7 +96,7 @@ def idle():
     for clients in (1, 50):
         def run(row, program, *words, traced=False):
             words = ("idle", f"clients={clients}") + words
-            return Run("W5", clients_part(clients), row, program, words, 400, traced=traced)
+            return Run("W5", clients_part(clients), row, program, words, 300, traced=traced)
 
         yield run(LITERAL, "bench_literal", traced=clients == 1)
         for name, title in names.items():

@@ -51,7 +51,7 @@ left out.""",
 In one process, by Google Benchmark. The limit searches each byte once (`memchr`) and copies it once
 (`memcpy`) into memory that is there already. The receivers get their bytes through a socket and hand
 messages to a listener; "2 MiB of one-byte messages" are 699,050 of them. `TcpClientWrapper` delivers
-one message a millisecond, so only the large one is given to it.""",
+one message a millisecond, so only a large one is given to it.""",
     "W5": """## W5: idle
 
 One side only: what it is connected to is a plain socket that says nothing. Threads and memory are
@@ -99,7 +99,7 @@ SPLITTING_ROWS = {
     "handlerReceives/64": "`TcpServerHandler`, one message of 64 MiB",
     "clientReceives/64": "`CommunicationClient`, one message of 64 MiB",
     "commandServerReceives/64": "`TcpServer`, one message of 64 MiB",
-    "commandClientReceives/64": "`TcpClientWrapper`, one message of 64 MiB",
+    "commandClientReceives/16": "`TcpClientWrapper`, one message of 16 MiB",
     "plainRecv/64": "`recv`, 64 bytes",
     "plainRecv/16384": "`recv`, 16 KiB",
     "recieveMsg/64": "`TcpClient::recieveMsg`, 64 bytes",
@@ -115,7 +115,11 @@ def number(value):
         return f"{value / 1e6:.3g} M" if value < 1e9 else f"{value:.3g}"
     if abs(value) >= 100:
         return f"{value:,.0f}"
-    return f"{value:.3g}" if abs(value) >= 0.01 or value == 0 else f"{value:.4f}"
+    return f"{value:.3g}" if abs(value) >= 0.01 else f"{value:.2g}"
+
+
+def columns_of(workload, part):
+    return COLUMNS["1 kHz" if part.startswith("1 kHz") else workload]
 
 
 class Report:
@@ -142,7 +146,7 @@ class Report:
         return list(dict.fromkeys(key[1] for key in self.results if key[0] == workload))
 
     def table(self, workload, part):
-        columns = COLUMNS["1 kHz" if part.startswith("1 kHz") else workload]
+        columns = columns_of(workload, part)
         keys = self.rows(workload, part)
         bases = []
         if workload in ("W1", "W2", "W3"):
@@ -211,7 +215,7 @@ class Report:
     @staticmethod
     def goal_name(goal):
         workload, part, row = goal.key
-        titles = dict((figure, title) for columns in COLUMNS.values() for title, figure in columns)
+        titles = {figure: title for title, figure in columns_of(workload, part)}
         words = [workload, part, SPLITTING_ROWS.get(row, row), titles[goal.figure].split(",")[0]]
         name = ", ".join(word for word in words if word)
         return name + (f", over {goal.over[2]}" if goal.over else "")

@@ -219,7 +219,7 @@ class ClosedLoop {
     } else {
       samples_.add(now - sentNs_);
     }
-    if (now >= measureFromNs_ + lengthNs_) {
+    if (now >= measureFromNs_ + lengthNs_ && samples_.size() >= kFewestSamples) {
       cpuUs_ = usage_.cpuUs();
       done_.add(1);
       return false;
@@ -239,6 +239,8 @@ class ClosedLoop {
   }
 
  private:
+  static constexpr std::size_t kFewestSamples = 100;
+
   const std::int64_t warmUpNs_;
   const std::int64_t lengthNs_;
   std::int64_t measureFromNs_ = 0;
