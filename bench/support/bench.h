@@ -282,21 +282,25 @@ struct ProcessState {
   static ProcessState now() {
     ProcessState state;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      const std::int64_t wakeUps = field(task.path() / "status", "voluntary_ctxt_switches:");
+      if (wakeUps == kGone) continue;
       ++state.threads;
-      state.wakeUps += field(task.path() / "status", "voluntary_ctxt_switches:");
+      state.wakeUps += wakeUps;
     }
     state.residentKib = field("/proc/self/status", "VmRSS:");
     return state;
   }
 
  private:
+  static constexpr std::int64_t kGone = -1;
+
   static std::int64_t field(const std::filesystem::path& file, const std::string& name) {
     std::ifstream status(file);
     for (std::string key; status >> key;) {
       std::int64_t value = 0;
       if (key == name && status >> value) return value;
     }
-    throw std::runtime_error("no " + name + " in " + file.string());
+    return kGone;  // the thread ended in the meantime
   }
 };
 
