@@ -1,5 +1,6 @@
 // The client's send thread, and what goes past it.
 
+#include <string_view>
 #include <utility>
 
 #include "brix_json.h"
@@ -18,8 +19,16 @@ constexpr int kSent = 1;
 constexpr int kNotConnected = -1;
 constexpr int kSendThrew = 0;
 
-void frame(std::string& text, const std::string& delimiter) {
-  if (text.size() > delimiter.size() && !endsWith(text, delimiter)) text += delimiter;
+/// @return what the text is to be ended with
+std::string_view endOf(const std::string& text, const std::string& delimiter) {
+  const bool framed = text.size() <= delimiter.size() || endsWith(text, delimiter);
+  return framed ? std::string_view() : std::string_view(delimiter);
+}
+
+std::string joined(const std::string& text, std::string_view end) {
+  std::string both;
+  both.reserve(text.size() + end.size());
+  return both.append(text).append(end);
 }
 
 }  // namespace
@@ -45,27 +54,12 @@ BRIX_SEES_THREAD_END void CommunicationClient::State::sendLoop(ClientLink& own) 
 void CommunicationClient::State::sendBatch(ClientLink& own) {
   std::lock_guard<std::mutex> lock(own.writeLock);
   const ThreadMark writing(&own.writeLock);
-  BasicClientInterface& handle = *own.handle;
   sendUnsent(own);
   own.sendQueue.takeAll(own.outgoing);
-  own.joined.clear();
-  const bool joins = own.outgoing.size() > 1 && unpaced(sendRate) && handle.joinsTexts();
-  for (std::string& text : own.outgoing) {
+  for (const std::string& text : own.outgoing) {
     if (own.stop.requested()) return;
-    frame(text, handle.delimiter);
-    if (!joins) {
-      handle.sendMsg(text);
-      continue;
-    }
-    own.joined += text;
-    if (own.joined.size() >= kJoinedBytes) sendJoined(own);
+    own.handle->sendMsg(text);
   }
-  if (!own.stop.requested()) sendJoined(own);
-}
-
-void CommunicationClient::State::sendJoined(ClientLink& own) {
-  if (!own.joined.empty()) own.handle->sendMsg(own.joined);
-  own.joined.clear();
 }
 
 void CommunicationClient::State::sendUnsent(ClientLink& own) {
@@ -77,16 +71,13 @@ void CommunicationClient::State::sendUnsent(ClientLink& own) {
 // Whoever holds the lock is sending: what comes meanwhile is left to the send thread. A text that
 // the connection takes in part is finished by that thread.
 /// @return false if the text is to be queued
-bool CommunicationClient::State::sendHere(ClientLink& own, std::string& text) {
-  if (!direct(sendRate)) return false;
+bool CommunicationClient::State::sendHere(ClientLink& own, const std::string& text) {
   const std::unique_lock<std::mutex> lock(own.writeLock, std::try_to_lock);
   if (!lock || own.stop.requested() || own.hasUnsent || !own.sendQueue.empty()) return false;
-  frame(text, own.handle->delimiter);
   const std::size_t sent = own.handle->sendAtOnce(text.data(), text.size());
   if (sent == 0 && !text.empty()) return false;
   if (sent == text.size()) return true;
-  text.erase(0, sent);
-  own.unsent = std::move(text);
+  own.unsent.assign(text, sent);
   own.hasUnsent = true;
   own.sendSignal.wake();
   return true;
@@ -110,16 +101,12 @@ void CommunicationClient::State::awaitSenders(ClientLink& own) {
 }
 
 int CommunicationClient::State::send(const std::string& msg) {
-  return handOverText("sendMsg exception: %s", [&](std::size_t room) {
-    std::string text;
-    text.reserve(msg.size() + room);
-    return text += msg;
-  });
+  return handOver("sendMsg exception: %s", [&](ClientLink& own) { handOverText(own, msg); });
 }
 
 int CommunicationClient::State::sendRequest(const Json::Value& request) {
-  return handOverText("sendRequest exception: %s", [&](std::size_t /*room*/) {
-    return brix_json::toStrWithoutIndentation(request, brix_json::kPrecision);
+  return handOver("sendRequest exception: %s", [&](ClientLink& own) {
+    handOverText(own, brix_json::toStrWithoutIndentation(request, brix_json::kPrecision));
   });
 }
 
@@ -128,18 +115,19 @@ int CommunicationClient::State::sendBytes(const char* data, int len) {
                   [&](ClientLink& own) { sendPast(own, [&] { own.handle->sendMsg(data, len); }); });
 }
 
-/// @param makeText  gets the number of bytes that the text may grow by
-template <typename MakeText>
-int CommunicationClient::State::handOverText(const char* fmt, MakeText makeText) {
-  return handOver(fmt, [&](ClientLink& own) {
-    std::string text = makeText(own.handle->delimiter.size());
-    if (!sendMode) {
-      sendPast(own, [&] { own.handle->sendMsg(text); });
-    } else if (!sendHere(own, text)) {
-      own.sendQueue.push(std::move(text));
-      own.sendSignal.wake();
-    }
-  });
+void CommunicationClient::State::handOverText(ClientLink& own, const std::string& msg) {
+  if (!sendMode) {
+    sendPast(own, [&] { own.handle->sendMsg(msg); });
+    return;
+  }
+  const std::string_view end = endOf(msg, own.handle->delimiter);
+  if (direct(sendRate) && sendHere(own, joined(msg, end))) return;
+  if (unpaced(sendRate) && own.handle->joinsTexts()) {
+    own.sendQueue.join(msg, end, kJoinedBytes);
+  } else {
+    own.sendQueue.push(joined(msg, end));
+  }
+  own.sendSignal.wake();
 }
 
 template <typename Send>

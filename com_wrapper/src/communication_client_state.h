@@ -59,9 +59,8 @@ struct ClientLink : ConnectionWorkers {
   std::vector<std::string> delivered;  // listenerMutex
   StopWatch sinceDelivery;
   std::atomic<bool> delivering{false};  // on the unit's thread
-  std::mutex writeLock;                 // held while queued texts go out; guards the three below
+  std::mutex writeLock;                 // held while queued texts go out; guards the two below
   std::vector<std::string> outgoing;
-  std::string joined;
   std::string unsent;  // the rest of a text that its sender has begun
   std::atomic<bool> hasUnsent{false};
   std::atomic<bool> quitFlag{false};  // set by the watchdog
@@ -139,8 +138,7 @@ class TCP_COM_HIDDEN CommunicationClient::State
   void closeTransport(BasicClientInterface& handle);
   template <typename Send>
   int handOver(const char* fmt, Send send);
-  template <typename MakeText>
-  int handOverText(const char* fmt, MakeText makeText);
+  void handOverText(ClientLink& own, const std::string& msg);
 
   static bool unpaced(const std::atomic<double>& rate) { return !(rate > 0); }
   bool waits(const std::atomic<double>& rate) const {
@@ -164,9 +162,8 @@ class TCP_COM_HIDDEN CommunicationClient::State
   void deliverAll(ClientLink& own, const std::vector<std::string>& msgs);
   void deliverOne(const std::string& msg);
   void sendBatch(ClientLink& own);
-  void sendJoined(ClientLink& own);
   void sendUnsent(ClientLink& own);
-  bool sendHere(ClientLink& own, std::string& text);
+  bool sendHere(ClientLink& own, const std::string& text);
   void sendPast(ClientLink& own, const std::function<void()>& send);
   void awaitSenders(ClientLink& own);
 

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -16,6 +17,20 @@ class SwapQueue {
   void push(std::string text) {
     std::lock_guard<std::mutex> lock(mutex_);
     texts_.push_back(std::move(text));
+    lastJoined_ = false;
+    hasData_.store(true, std::memory_order_release);
+  }
+
+  /// Appends a text and its end to the last text if that was joined too and stays that short.
+  void join(const std::string& text, std::string_view end, std::size_t mostBytes) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const std::size_t bytes = text.size() + end.size();
+    const bool fits = lastJoined_ && !texts_.empty() && texts_.back().size() + bytes <= mostBytes;
+    if (!fits) texts_.emplace_back();
+    lastJoined_ = true;
+    std::string& last = texts_.back();
+    last.reserve(last.size() + bytes);  // what follows must not stop half-way for want of memory
+    last.append(text).append(end);
     hasData_.store(true, std::memory_order_release);
   }
 
@@ -58,6 +73,7 @@ class SwapQueue {
 
   std::mutex mutex_;  // innermost
   std::vector<std::string> texts_;
+  bool lastJoined_ = false;
   std::atomic<bool> hasData_{false};
 };
 
