@@ -12,6 +12,8 @@ using bench::Options;
 
 constexpr double kBroadcastMs = 10.0;
 
+class CommandClient final : public brix::TcpClientWrapper {};
+
 Json::Value idleServer(const Options& options, int clients) {
   bench::Arrivals connected;
   const bench::ProcessState before = bench::ProcessState::now();
@@ -22,7 +24,7 @@ Json::Value idleServer(const Options& options, int clients) {
     sockets.push_back(bench::connectTo(port));
     connected.waitFor(i + 1);
   }
-  const Json::Value figures = bench::idleFigures(options, before);
+  Json::Value figures = bench::idleFigures(options, before);
   for (const int fd : sockets) close(fd);
   return figures;
 }
@@ -30,12 +32,12 @@ Json::Value idleServer(const Options& options, int clients) {
 Json::Value idleClients(const Options& options, int clients) {
   const int listening = bench::listenAnywhere();
   const bench::ProcessState before = bench::ProcessState::now();
-  std::vector<std::unique_ptr<brix::CommunicationClient>> connections;
+  std::vector<std::unique_ptr<bench::Client>> connections;
   for (int i = 0; i < clients; ++i) {
     connections.push_back(bench::connectedClient(Mode::of(options), bench::portOf(listening),
                                                  [](std::string_view) {}));
   }
-  const Json::Value figures = bench::idleFigures(options, before);
+  Json::Value figures = bench::idleFigures(options, before);
   close(listening);
   return figures;
 }
@@ -47,7 +49,7 @@ Json::Value idleCommandServer(const Options& options, int clients) {
   if (!server.waitUntilListening(2000)) throw std::runtime_error("cannot listen");
   std::vector<int> sockets;
   for (int i = 0; i < clients; ++i) sockets.push_back(bench::connectTo(server.listeningPort()));
-  const Json::Value figures = bench::idleFigures(options, before);
+  Json::Value figures = bench::idleFigures(options, before);
   for (const int fd : sockets) close(fd);
   server.quit();
   return figures;
@@ -56,14 +58,14 @@ Json::Value idleCommandServer(const Options& options, int clients) {
 Json::Value idleCommandClients(const Options& options, int clients) {
   const int listening = bench::listenAnywhere();
   const bench::ProcessState before = bench::ProcessState::now();
-  std::vector<std::unique_ptr<brix::TcpClientWrapper>> connections;
+  std::vector<std::unique_ptr<CommandClient>> connections;
   for (int i = 0; i < clients; ++i) {
-    connections.push_back(std::make_unique<brix::TcpClientWrapper>());
+    connections.push_back(std::make_unique<CommandClient>());
     if (connections.back()->connectSocket("127.0.0.1", bench::portOf(listening)) != 1) {
       throw std::runtime_error("cannot connect");
     }
   }
-  const Json::Value figures = bench::idleFigures(options, before);
+  Json::Value figures = bench::idleFigures(options, before);
   close(listening);
   return figures;
 }

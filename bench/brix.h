@@ -58,10 +58,13 @@ class Server {
   brix::CommunicationServer server_;
 };
 
+/// Final, so that it may be deleted through a pointer.
+class Client final : public brix::CommunicationClient {};
+
 /// The heartbeat stays away from the figures: a server of these programs does not answer it.
-inline std::unique_ptr<brix::CommunicationClient> connectedClient(const Mode& mode, int port,
-                                                                  const Peer::OnText& onText) {
-  auto client = std::make_unique<brix::CommunicationClient>();
+inline std::unique_ptr<Client> connectedClient(const Mode& mode, int port,
+                                               const Peer::OnText& onText) {
+  auto client = std::make_unique<Client>();
   client->setClientHandle(std::make_shared<brix::TcpClient>("127.0.0.1", port));
   client->setPrintFlag(false);
   client->setHeartbeatMode(false);
@@ -101,7 +104,7 @@ class BrixPeer : public Peer {
   const Mode mode_;
   int port_ = 0;
   Server server_;
-  std::vector<std::unique_ptr<brix::CommunicationClient>> connections_;
+  std::vector<std::unique_ptr<Client>> connections_;
 };
 
 }  // namespace bench

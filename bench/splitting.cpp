@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr std::size_t kMiB = 1024 * 1024;
-constexpr std::size_t kLargeChunk = 16 * 1024;
+constexpr std::size_t kMiB = 1 << 20;
+constexpr std::size_t kLargeChunk = 16 << 10;
 constexpr std::size_t kStreamBytes = 2 * kMiB;
 constexpr int kReads = 4000;
 constexpr char kDelimiter[] = "\r\n";
@@ -27,8 +27,8 @@ std::string streamOf(std::size_t size) {
 }
 
 void report(benchmark::State& state, std::size_t bytes, std::size_t messages) {
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes));
-  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * messages));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes));
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(messages));
 }
 
 void cutSmall(benchmark::State& state) {

@@ -117,7 +117,7 @@ Json::Value idle(const Options& options) {
     clients.push_back(
         std::make_unique<Side>(ends.first, periodMs, true, [](const std::string&) {}));
   }
-  const Json::Value figures = bench::idleFigures(options, before);
+  Json::Value figures = bench::idleFigures(options, before);
   for (const int fd : servers) close(fd);
   return figures;
 }

@@ -21,7 +21,7 @@
 
 namespace bench {
 
-constexpr std::size_t kChunkBytes = 64 * 1024;
+constexpr std::size_t kChunkBytes = 64 << 10;
 
 inline int checked(int result, const char* what) {
   if (result >= 0) return result;
