@@ -19,6 +19,7 @@ def arguments():
     parser = argparse.ArgumentParser(prog="scripts/bench")
     parser.add_argument("--quick", action="store_true", help="one short run of every program")
     parser.add_argument("--only", default=",".join(WORKLOADS), help="workloads, such as W1,W3")
+    parser.add_argument("--rounds", type=int, default=ROUNDS, help="runs of every program")
     parser.add_argument("--report", action="store_true", help="write the last figures again")
     parser.add_argument("--root", type=pathlib.Path, required=True, help=argparse.SUPPRESS)
     parser.add_argument("--build", type=pathlib.Path, required=True, help=argparse.SUPPRESS)
@@ -31,13 +32,13 @@ def arguments():
 
 
 def measured(options, figures):
-    rounds = 1 if options.quick else ROUNDS
+    rounds = 1 if options.quick else options.rounds
     bench = measure.Bench(options.build / "bin", options.quick)
     runs = [run for run in plan.runs(options.quick) if run.workload in options.workloads]
     start = time.monotonic()
     results = measure.collect(bench, runs, rounds)
     print(f"== measured in {time.monotonic() - start:.0f} s", file=sys.stderr)
-    whole = not options.quick and len(options.workloads) == len(WORKLOADS)
+    whole = rounds >= ROUNDS and len(options.workloads) == len(WORKLOADS)
     saved = {"rounds": rounds, "cpu": bench.cpu, "whole": whole, "rows": list(results.items())}
     figures.write_text(json.dumps(saved), encoding="utf-8")
 

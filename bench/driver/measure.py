@@ -10,7 +10,7 @@ import tempfile
 import time
 
 TIMEOUT_S = 120
-TRACED_MS = (200, 800)
+TRACED_MS = (200, 600)
 
 
 class Failed(Exception):

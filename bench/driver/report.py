@@ -29,7 +29,8 @@ ABOUT = {
 A JSON text of 64 bytes each way, the next request when the reply is there. Callbacks send it: those
 of `CommunicationClient`, Asio and libevent; ZeroMQ (REQ, REP) and nng (req, rep) send and receive in
 turn. The limit is two threads that block in `recv`. The literal path is a model of threads that
-`usleep` and look, with the same hops and periods as the library's default.""",
+`usleep` and look, with the same hops and periods as the library's default; how such threads fall in
+step is chance, so these rows spread over eight connections a run.""",
     "W2": """## W2: ingest
 
 Messages of 64 bytes into the server's listener, counted there. Clients are plain sockets that send

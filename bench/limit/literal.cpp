@@ -91,18 +91,20 @@ Json::Value requestReply(const Options& options) {
   const double periodMs = options.number("rate_ms", 0.5);
   bench::ClosedLoop loop(options);
   const std::string request = bench::stampedText(bench::kRequestBytes);
-  const std::pair<int, int> ends = bench::connectedPair();
-  std::unique_ptr<Side> client;
-  std::unique_ptr<Side> server;
-  server = std::make_unique<Side>(ends.second, periodMs, false,
-                                  [&](const std::string& text) { server->send(text); });
-  client = std::make_unique<Side>(ends.first, periodMs, true, [&](const std::string&) {
-    if (loop.replied()) client->send(request);
-  });
-  loop.begin();
-  client->send(request);
-  loop.waitUntilDone();
-  client.reset();
+  for (std::int64_t i = 0; i < loop.repeats(); ++i) {
+    const std::pair<int, int> ends = bench::connectedPair();
+    std::unique_ptr<Side> client;
+    std::unique_ptr<Side> server;
+    server = std::make_unique<Side>(ends.second, periodMs, false,
+                                    [&](const std::string& text) { server->send(text); });
+    client = std::make_unique<Side>(ends.first, periodMs, true, [&](const std::string&) {
+      if (loop.replied()) client->send(request);
+    });
+    loop.begin();
+    client->send(request);
+    loop.waitUntilDone();
+    client.reset();
+  }
   return loop.figures();
 }
 

@@ -199,15 +199,22 @@ class Arrivals {
 };
 
 /// Requests that wait for their reply, one after the other, on whatever thread hears of the reply.
+/// With repeats=N the time is spent on N connections: how threads that poll fall in step with each
+/// other is chance, and stays so for a connection's life.
 class ClosedLoop {
  public:
   explicit ClosedLoop(const Options& options)
-      : warmUpNs_(static_cast<std::int64_t>(options.number("warmup_ms", 50) * kNsPerMs)),
-        lengthNs_(static_cast<std::int64_t>(options.number("ms", 400) * kNsPerMs)) {}
+      : repeats_(options.count("repeats", 1)),
+        warmUpNs_(static_cast<std::int64_t>(options.number("warmup_ms", 30) * kNsPerMs)),
+        lengthNs_(static_cast<std::int64_t>(options.number("ms", 250) * kNsPerMs) / repeats_),
+        fewestSamples_(kFewestSamples / repeats_) {}
 
-  /// Call before the first request goes out.
+  std::int64_t repeats() const { return repeats_; }
+
+  /// Call on a new connection, before its first request goes out.
   void begin() {
     measureFromNs_ = nowNs() + warmUpNs_;
+    samplesHere_ = 0;
     sentNs_ = nowNs();
   }
 
@@ -218,9 +225,10 @@ class ClosedLoop {
       usage_ = Stopwatch();
     } else {
       samples_.add(now - sentNs_);
+      ++samplesHere_;
     }
-    if (now >= measureFromNs_ + lengthNs_ && samples_.size() >= kFewestSamples) {
-      cpuUs_ = usage_.cpuUs();
+    if (now >= measureFromNs_ + lengthNs_ && samplesHere_ >= fewestSamples_) {
+      cpuUs_ += usage_.cpuUs();
       done_.add(1);
       return false;
     }
@@ -228,7 +236,7 @@ class ClosedLoop {
     return true;
   }
 
-  void waitUntilDone() { done_.waitFor(1); }
+  void waitUntilDone() { done_.waitFor(++waitedFor_); }
 
   Json::Value figures() {
     Json::Value figures;
@@ -239,12 +247,16 @@ class ClosedLoop {
   }
 
  private:
-  static constexpr std::size_t kFewestSamples = 100;
+  static constexpr std::int64_t kFewestSamples = 100;
 
+  const std::int64_t repeats_;
   const std::int64_t warmUpNs_;
   const std::int64_t lengthNs_;
+  const std::int64_t fewestSamples_;
   std::int64_t measureFromNs_ = 0;
   std::int64_t sentNs_ = 0;
+  std::int64_t samplesHere_ = 0;
+  std::int64_t waitedFor_ = 0;
   Samples samples_;
   Stopwatch usage_;
   double cpuUs_ = 0;

@@ -60,16 +60,18 @@ inline bool rawClients(const Options& options) {
 inline Json::Value requestReply(const MakePeer& makePeer, const Options& options) {
   ClosedLoop loop(options);
   const std::string request = stampedText(kRequestBytes);
-  const auto peer = makePeer(options);
-  peer->serve([](std::string_view text) { return std::string(text); });
-  peer->connect(1, [&](std::string_view reply) {
-    if (reply != request) throw std::runtime_error("a reply differs from its request");
-    if (loop.replied()) peer->send(0, request);
-  });
-  peer->awaitClients(1);
-  loop.begin();
-  peer->send(0, request);
-  loop.waitUntilDone();
+  for (std::int64_t i = 0; i < loop.repeats(); ++i) {
+    const auto peer = makePeer(options);
+    peer->serve([](std::string_view text) { return std::string(text); });
+    peer->connect(1, [&](std::string_view reply) {
+      if (reply != request) throw std::runtime_error("a reply differs from its request");
+      if (loop.replied()) peer->send(0, request);
+    });
+    peer->awaitClients(1);
+    loop.begin();
+    peer->send(0, request);
+    loop.waitUntilDone();
+  }
   return loop.figures();
 }
 
@@ -178,7 +180,7 @@ inline Json::Value fanOut(const MakePeer& makePeer, const Options& options) {
 inline Json::Value publish(const MakePeer& makePeer, const Options& options) {
   const auto clients = static_cast<int>(options.count("clients", 1));
   const auto texts = options.count("ms", 300);
-  const auto warmUp = options.count("warmup_ms", 50);
+  const auto warmUp = options.count("warmup_ms", 30);
   std::string text = stampedText(kStateBytes);
   std::mutex mutex;
   Samples samples;
