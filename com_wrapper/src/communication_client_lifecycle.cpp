@@ -216,6 +216,10 @@ void CommunicationClient::State::setSendMode(bool queued) {
 
 void CommunicationClient::State::setHeartbeatMode(bool beating) {
   heartbeatMode = beating;
+  if (const auto own = link.load()) {  // the waits are as long as the watch allows
+    own->stop.wake();
+    own->handle->wakeReader();
+  }
   if (!beating) endWorker(&ClientLink::heartbeatThread);
 }
 

@@ -17,9 +17,10 @@ namespace {
 
 // Longest time inside the transport without testing for silence or a stop, when it polls.
 constexpr double kReadSliceMs = 50;
-constexpr double kLongestWaitMs = 1000;  // when it waits; modes may be turned on meanwhile
-constexpr double kDeadLinkPauseMs = 10;  // a link that gives nothing any more is still looked at
+constexpr double kLongestWaitMs = 3600000;  // when it waits, and nothing falls due
+constexpr double kDeadLinkPauseMs = 10;     // a link that gives nothing any more is still looked at
 constexpr double kHeartbeatMs = 2500;
+constexpr std::size_t kLongestTraceBytes = 60000;  // a log line holds little more
 
 }  // namespace
 
@@ -81,10 +82,17 @@ void CommunicationClient::State::cutMessages(ClientLink& own, const std::string&
   own.quitFlag = true;  // the next cycle disconnects
 }
 
+// A long message is told of at each of its chunks: its whole text would make that quadratic.
 void CommunicationClient::State::reportUnfinished(const std::string& chunk) const {
   if (atomicLoad(brix_controller_error) || !printFlag) return;
   BRIX_LOG_INFO("%c%s", "yellow", chunk.c_str());
-  BRIX_LOG_INFO("%s", recvBuffer.buffer().c_str());
+  const std::string& waiting = recvBuffer.buffer();
+  if (waiting.size() <= kLongestTraceBytes) {
+    BRIX_LOG_INFO("%s", waiting.c_str());
+  } else {
+    const std::string begin(waiting, 0, kLongestTraceBytes);
+    BRIX_LOG_INFO("%s... (%zu bytes omitted)", begin.c_str(), waiting.size() - begin.size());
+  }
 }
 
 // A mode that is turned on later has no heartbeat in this connection to rely on.
@@ -118,9 +126,9 @@ void CommunicationClient::State::broadcastLoop(ClientLink& own) {
 // No longer than until the watchdog may fire.
 void CommunicationClient::State::awaitMessage(ClientLink& own) {
   const double leftMs = recvTimeout - own.sinceDelivery.elapsedMs();
-  const bool watching = beating(own) && leftMs > 0;
-  own.recvSignal.waitFor(watching ? leftMs : kLongestWaitMs, [&] {
-    return !own.recvQueue.empty() || !broadcastMode || !waits(recvRate);
+  const bool watched = beating(own);
+  own.recvSignal.waitFor(watched ? std::max(leftMs, 1.0) : kLongestWaitMs, [&] {
+    return !own.recvQueue.empty() || !broadcastMode || !waits(recvRate) || watched != beating(own);
   });
 }
 

@@ -154,7 +154,6 @@ void BrixTcpServer::State::joinWorkers() {
   joinIfJoinable(sendThread);
   joinIfJoinable(recvThread);
   if (mode == DeliveryMode::Direct) lockOrLeave(receiving.lock);  // a listener on a client's thread
-  connectionCondition.notify_all();
   joinIfJoinable(monitorThread);
 }
 

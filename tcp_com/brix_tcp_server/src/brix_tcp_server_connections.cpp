@@ -100,21 +100,22 @@ void BrixTcpServer::State::connectionNotify(bool value) {
 }
 
 void BrixTcpServer::State::popSocketHandle(int id) {
-  std::lock_guard<std::mutex> lock(connectionLock);
-  quitIds.push_back(id);
-  connectionCondition.notify_all();
+  {
+    std::lock_guard<std::mutex> lock(connectionLock);
+    quitIds.push_back(id);
+    anyQuitId = true;
+  }
+  monitorSignal.wake();
 }
 
 void BrixTcpServer::State::monitorLoop() {
   const ThreadMark mark(this);
   while (!quit.requested()) {
-    std::unique_lock<std::mutex> lock(connectionLock);
-    while (quitIds.empty()) {
-      if (quit.requested()) return;
-      connectionCondition.wait_for(lock, std::chrono::milliseconds(kRetestMs));
-    }
+    monitorSignal.wait([this] { return anyQuitId.load(); });
+    std::lock_guard<std::mutex> lock(connectionLock);
     for (const int id : quitIds) guarded("monitor exception: %s", [&] { removeConnection(id); });
     quitIds.clear();
+    anyQuitId = false;
   }
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -104,9 +103,10 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   std::shared_ptr<const Handlers> handlerList;  // mapLock; the same, or null: to be made anew
   std::vector<int> quitIds;                     // connectionLock
   std::mutex connectionLock;
-  std::condition_variable connectionCondition;
   [[maybe_unused]] int reserved = 0;
   StopSignal quit;
+  WakeSignal monitorSignal{quit};
+  std::atomic<bool> anyQuitId{false};  // changed under connectionLock
   ListenSocket listening{quit};
   ValueSlot<ServerSafetyOptions> safety;
   std::atomic<DeliveryMode> mode{DeliveryMode::Polled};
