@@ -12,6 +12,7 @@ import plan
 import report
 
 ROUNDS = 5
+BUSY_PERCENT = 5
 WORKLOADS = ("W1", "W2", "W3", "W4", "W5", "W6", "W7")
 
 
@@ -35,11 +36,14 @@ def measured(options, figures):
     rounds = 1 if options.quick else options.rounds
     bench = measure.Bench(options.build / "bin", options.quick)
     runs = [run for run in plan.runs(options.quick) if run.workload in options.workloads]
+    busy = bench.busy_percent()
+    if busy > BUSY_PERCENT:
+        print(f"== other work takes {busy:.0f} % of the CPU: figures will be off", file=sys.stderr)
     start = time.monotonic()
     results = measure.collect(bench, runs, rounds)
     print(f"== measured in {time.monotonic() - start:.0f} s", file=sys.stderr)
     whole = rounds >= ROUNDS and len(options.workloads) == len(WORKLOADS)
-    saved = {"rounds": rounds, "cpu": bench.cpu, "whole": whole, "rows": list(results.items())}
+    saved = {"rounds": rounds, "cpu": bench.cpu, "busy": busy, "whole": whole, "rows": list(results.items())}
     figures.write_text(json.dumps(saved), encoding="utf-8")
 
 
@@ -53,7 +57,8 @@ def main():
     # A part of the figures must not replace the whole document.
     folder = options.root / "docs" if saved["whole"] else options.build
     os.makedirs(folder / "charts", exist_ok=True)
-    text = report.Report(results, saved["rounds"], saved["cpu"], folder / "charts").document()
+    text = report.Report(results, saved["rounds"], saved["cpu"], saved["busy"],
+                         folder / "charts").document()
     document = folder / "performance.md"
     document.write_text(text, encoding="utf-8")
     print(f"== written: {document}", file=sys.stderr)

@@ -28,6 +28,17 @@ class Bench:
         words = ["taskset", "-c", str(self.cpu), str(self.folder / run.program), *run.words]
         return words + [f"ms={ms}"]
 
+    def busy_percent(self):
+        """What others take of the CPU, over a second."""
+        def ticks():
+            with open("/proc/stat", encoding="ascii") as lines:
+                fields = next(line for line in lines if line.startswith(f"cpu{self.cpu} ")).split()
+            numbers = [int(field) for field in fields[1:]]
+            return sum(numbers), numbers[3] + numbers[4]  # all, idle and waiting for a disk
+
+        (total, idle), _, (total_later, idle_later) = ticks(), time.sleep(1), ticks()
+        return 100 - 100 * (idle_later - idle) / max(1, total_later - total)
+
     def start(self, command):
         log = tempfile.TemporaryFile("w+")
         process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,

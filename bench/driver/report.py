@@ -124,10 +124,11 @@ def columns_of(workload, part):
 
 
 class Report:
-    def __init__(self, results, rounds, cpu, charts_folder):
+    def __init__(self, results, rounds, cpu, busy, charts_folder):
         self.results = results
         self.rounds = rounds
         self.cpu = cpu
+        self.busy = busy
         self.charts_folder = charts_folder
 
     def median(self, key, figure):
@@ -222,7 +223,8 @@ class Report:
         return name + (f", over {goal.over[2]}" if goal.over else "")
 
     def document(self):
-        sections = [INTRO.format(rounds=self.rounds, cpu=self.cpu) + machine(), self.goals()]
+        sections = [INTRO.format(rounds=self.rounds, cpu=self.cpu) + machine(self.busy),
+                    self.goals()]
         for workload in sorted(ABOUT):
             parts = self.parts(workload)
             if not parts:
@@ -239,7 +241,7 @@ def output_of(*command):
     return subprocess.run(command, capture_output=True, text=True, check=True).stdout.strip()
 
 
-def machine():
+def machine(busy):
     with open("/proc/cpuinfo", encoding="ascii") as lines:
         names = [line.split(":")[1].strip() for line in lines if line.startswith("model name")]
     with open("/proc/meminfo", encoding="ascii") as lines:
@@ -252,6 +254,7 @@ def machine():
         "Memory": f"{memory:.0f} GiB",
         "Kernel": f"{platform.system()} {platform.release()}",
         "Compiler": output_of("c++", "--version").splitlines()[0] + ", Release",
+        "Other work": f"{busy:.0f} % of the CPU before the start",
         "Compared with": versions,
     }
     lines = ["## Machine", "", "| | |", "|---|---|"]
