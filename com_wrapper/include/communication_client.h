@@ -9,6 +9,7 @@
 #include <string>
 
 #include "basic_client_interface.h"
+#include "delivery_mode.h"
 #include "recieve_listener.h"
 #include "safety_options.h"
 #include "tcp_com_export.h"
@@ -47,6 +48,9 @@ class TCP_COM_API CommunicationClient : public ThreadUnit {
 
   /// Sets limits and checks, those of the transport among them; the next connection has them.
   void setSafetyOptions(const ClientSafetyOptions& options);
+
+  /// Sets how messages are handed over; to be called before `connect`. Default: Polled.
+  void setDeliveryMode(DeliveryMode mode);
 
   /// Turns progress lines and most failure lines on or off, the transport's among them.
   void setPrintFlag(bool print);

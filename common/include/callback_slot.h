@@ -2,6 +2,7 @@
 /// Values and callbacks that one thread replaces while another uses them.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -54,8 +55,30 @@ class CallbackSlot<Result(Args...)> {
   CallbackSlot& operator=(Function function) {
     auto next = function ? std::make_shared<const Function>(std::move(function)) : nullptr;
     function_.store(std::move(next));
+    ++changes_;
     return *this;
   }
+
+  /// Calls the function many times: it is fetched again only when it was replaced.
+  class Caller {
+   public:
+    explicit Caller(const CallbackSlot& slot) : slot_(slot) {}
+
+    /// As the slot's own call.
+    template <typename... CallArgs>
+    Result operator()(CallArgs&&... args) {
+      if (const unsigned now = slot_.changes_; now != seen_) {
+        function_ = slot_.load();
+        seen_ = now;
+      }
+      return function_ ? (*function_)(std::forward<CallArgs>(args)...) : Result();
+    }
+
+   private:
+    const CallbackSlot& slot_;
+    std::shared_ptr<const Function> function_;
+    unsigned seen_ = 0;
+  };
 
   /// @return the function, or null; what its captures hold lives as long as the result
   std::shared_ptr<const Function> load() const { return function_.load(); }
@@ -72,6 +95,7 @@ class CallbackSlot<Result(Args...)> {
 
  private:
   ValueSlot<std::shared_ptr<const Function>> function_;
+  std::atomic<unsigned> changes_{0};
 };
 
 }  // namespace brix

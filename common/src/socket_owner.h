@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -54,7 +55,8 @@ class SocketOwner {
   /// Gives the descriptor up without closing it.
   void abandon() noexcept;
 
-  /// One send of all bytes; retried if a signal came before any byte went. Never raises SIGPIPE.
+  /// One send of all bytes, as if by one call; retried if a signal came before any byte went. Never
+  /// raises SIGPIPE.
   /// @return as send(2); -1 with EBADF after the end
   ssize_t send(const void* data, std::size_t size, int flags) noexcept;
 
@@ -62,12 +64,20 @@ class SocketOwner {
   /// @return as recv(2); -1 with EBADF after the end
   ssize_t recv(void* buffer, std::size_t size, int flags) noexcept;
 
+  /// Sets how long recvSlice() waits.
+  void setSlice(int ms) noexcept;
+
+  /// One recv that waits no longer than a slice, less if a signal comes.
+  /// @return as recv(2); -1 with EAGAIN if nothing came
+  ssize_t recvSlice(void* buffer, std::size_t size) noexcept;
+
   /// @param peer  gets the address of who connected
   /// @return the accepted descriptor; -1 on an error and after the end
   int accept(sockaddr_in& peer) noexcept;
 
+  /// @param wakeUp  a descriptor that ends the wait as well; -1: none
   /// @return false if `ms` milliseconds passed without anything to read
-  bool waitReadable(double ms) noexcept;
+  bool waitReadable(double ms, int wakeUp = -1) noexcept;
 
  private:
   enum class State { Open, Ended, Abandoned };
@@ -79,10 +89,16 @@ class SocketOwner {
   std::mutex mutex_;  // innermost
   State state_;
   int users_ = 0;
+  std::atomic<int> sliceMs_{0};
+  std::atomic<bool> slicedBySystem_{false};  // every recv fails after a slice
 };
 
-/// Waits for `events` on a descriptor, at most `ms` milliseconds, whatever signals come.
+/// Waits for `events` on a descriptor, or for something to read on another one, at most `ms`
+/// milliseconds, whatever signals come.
 /// @return as poll(2)
-int pollFor(int fd, short events, double ms) noexcept;
+int pollFor(int fd, short events, double ms, int wakeUp = -1) noexcept;
+
+/// @return whether a send or recv has failed because it would have blocked
+bool wouldBlock() noexcept;
 
 }  // namespace brix

@@ -4,6 +4,8 @@
 #include <ctime>
 #include <limits>
 
+#include "wake_signal.h"
+
 namespace brix {
 namespace {
 
@@ -34,12 +36,17 @@ void StopSignal::request() noexcept {
     std::lock_guard<std::mutex> lock(mutex_);
     requested_.store(true, std::memory_order_release);
   }
-  condition_.notify_all();
+  notifyAll();
 }
 
 void StopSignal::wake() noexcept {
   { std::lock_guard<std::mutex> lock(mutex_); }
+  notifyAll();
+}
+
+void StopSignal::notifyAll() noexcept {
   condition_.notify_all();
+  for (WakeSignal* signal = first_; signal != nullptr; signal = signal->next_) signal->wake();
 }
 
 bool StopSignal::pauseShort(double ms) noexcept {

@@ -18,7 +18,10 @@ long pauseMicros(double ms) noexcept;
 /// Milliseconds as a whole number, truncated, with the same limits.
 int wholeMs(double ms) noexcept;
 
-/// Asks the threads of one run to stop, and is their only way to pause.
+class WakeSignal;
+
+/// Asks the threads of one run to stop, and is their only way to pause; what they wait for besides
+/// is a WakeSignal that belongs to this.
 class StopSignal {
  public:
   /// Asks for the stop and ends every pause.
@@ -29,7 +32,7 @@ class StopSignal {
 
   bool requested() const noexcept { return requested_.load(std::memory_order_acquire); }
 
-  /// Lets every pause test its `interrupted` condition.
+  /// Lets every pause and wait test its condition.
   void wake() noexcept;
 
   /// Pauses until the time is over or the stop is asked for.
@@ -42,11 +45,15 @@ class StopSignal {
   void pauseMs(double ms, Interrupted interrupted);
 
  private:
+  friend class WakeSignal;
+
+  void notifyAll() noexcept;
   static bool pauseShort(double ms) noexcept;
 
   std::atomic<bool> requested_{false};
   std::mutex mutex_;
   std::condition_variable condition_;
+  WakeSignal* first_ = nullptr;  // of those that belong to this; set before any thread is started
 };
 
 template <typename Interrupted>

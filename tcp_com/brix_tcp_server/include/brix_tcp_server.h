@@ -8,6 +8,7 @@
 
 #include "basic_server_interface.h"
 #include "callback_slot.h"
+#include "delivery_mode.h"
 #include "safety_options.h"
 #include "tcp_com_export.h"
 
@@ -25,6 +26,7 @@ enum class HandlerStart {
 /// call every operation and may drop the last reference to the handler; what it throws is logged,
 /// and the handler goes on.
 class TCP_COM_API TcpServerHandler {
+  friend class BrixTcpServer;
   struct State;
   std::shared_ptr<State> state_;  // shared with the thread
 
@@ -96,6 +98,9 @@ class TCP_COM_API BrixTcpServer : public BasicServerInterface {
   ///   and if allowedPeers cannot be read
   bool setSafetyOptions(const ServerSafetyOptions& options);
 
+  /// Sets how messages are handed over; to be called before the start. Default: Polled.
+  void setDeliveryMode(DeliveryMode mode);
+
   /// Starts the threads. Call it once: on a running server it is refused with a log line, and a
   /// stopped server stays stopped.
   /// @param port  0 lets the kernel choose one
@@ -112,6 +117,12 @@ class TCP_COM_API BrixTcpServer : public BasicServerInterface {
   /// Queues one message, with the delimiter appended, for all clients. Returns at once. Messages
   /// queued while nobody is connected wait for a client.
   void sendMsg(const std::string& msg) override;
+
+  /// Sets the pause between two sends in milliseconds; to 0 and from 0 it takes effect at once.
+  void setSendRate(double rate) override;
+
+  /// As above, between two deliveries.
+  void setRecvRate(double rate) override;
 
   /// @return whether accept, send and receive thread have ended in order; false, on purpose, on a
   ///   server that could not open its port

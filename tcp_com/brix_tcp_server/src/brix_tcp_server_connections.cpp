@@ -8,13 +8,13 @@
 #include "brix_tcp_server_state.h"
 #include "callback_guard.h"
 #include "log_macros.h"
+#include "tcp_server_handler_state.h"
 #include "thread_mark.h"
 
 namespace brix {
 namespace {
 
 constexpr double kAcceptPauseMs = 10;
-constexpr double kFullQueuePauseMs = 1;
 
 }  // namespace
 
@@ -51,8 +51,8 @@ void BrixTcpServer::State::createHandler(int socket) {
   if (!made) close(socket);
   if (!made || !handler->started()) return;
   const std::weak_ptr<State> weak = weak_from_this();
-  handler->msgCallback = [weak](const std::string& msg) {
-    if (const auto state = weak.lock()) state->queueReceived(msg);
+  handler->state_->batchCallback = [weak](Batch& msgs) {
+    if (const auto state = weak.lock()) state->receive(msgs);
   };
   handler->quitCallback = [weak](int ended) {
     if (const auto state = weak.lock()) state->popSocketHandle(ended);
@@ -61,13 +61,6 @@ void BrixTcpServer::State::createHandler(int socket) {
   handler->setSafetyOptions(safety.load());
   insertHandler(id, handler);
   handler->release();
-}
-
-// A client that sends faster than the listener takes waits: its messages are not to be lost.
-void BrixTcpServer::State::queueReceived(const std::string& msg) {
-  const bool own = ThreadMark::standsFor(this);  // a listener's: it would wait for itself
-  while (!own && recvQueue.full() && !quit.requested()) quit.pauseMs(kFullQueuePauseMs);
-  recvQueue.push(msg);
 }
 
 int BrixTcpServer::State::connectionCount() const {
@@ -80,6 +73,7 @@ void BrixTcpServer::State::insertHandler(int id, const std::shared_ptr<TcpServer
   {
     std::lock_guard<std::mutex> mapGuard(mapLock);
     connections[id] = handler;
+    handlerList = nullptr;
   }
   // The stop may have walked the map already. To be done before the next step, which may wait for a
   // send to this very client.
@@ -89,32 +83,39 @@ void BrixTcpServer::State::insertHandler(int id, const std::shared_ptr<TcpServer
 
 void BrixTcpServer::State::connectionNotify(bool value) {
   guarded("connection listener exception: %s", [&] { connectionListener(value); });
-  std::lock_guard<std::mutex> recvGuard(recvLock);
-  std::lock_guard<std::mutex> sendGuard(sendLock);
-  if (!value) {
-    recvQueue.clear();
-    sendQueue.clear();
+  ++notifiers;
+  {
+    std::lock_guard<std::mutex> turn(notifyLock);
+    std::lock_guard<std::mutex> recvGuard(receiving.lock);
+    std::lock_guard<std::mutex> sendGuard(sending.lock);
+    if (!value) {
+      receiving.clear();
+      sending.clear();
+    }
+    connected = value;
   }
-  connected = value;
-  pumpCondition.notify_all();
+  --notifiers;
+  receiving.signal.wake();
+  sending.signal.wake();
 }
 
 void BrixTcpServer::State::popSocketHandle(int id) {
-  std::lock_guard<std::mutex> lock(connectionLock);
-  quitIds.push_back(id);
-  connectionCondition.notify_all();
+  {
+    std::lock_guard<std::mutex> lock(connectionLock);
+    quitIds.push_back(id);
+    anyQuitId = true;
+  }
+  monitorSignal.wake();
 }
 
 void BrixTcpServer::State::monitorLoop() {
   const ThreadMark mark(this);
   while (!quit.requested()) {
-    std::unique_lock<std::mutex> lock(connectionLock);
-    while (quitIds.empty()) {
-      if (quit.requested()) return;
-      connectionCondition.wait_for(lock, std::chrono::milliseconds(kRetestMs));
-    }
+    monitorSignal.wait([this] { return anyQuitId.load(); });
+    std::lock_guard<std::mutex> lock(connectionLock);
     for (const int id : quitIds) guarded("monitor exception: %s", [&] { removeConnection(id); });
     quitIds.clear();
+    anyQuitId = false;
   }
 }
 
@@ -128,6 +129,7 @@ void BrixTcpServer::State::removeConnection(int id) {
     if (entry != connections.end()) {
       removed = std::move(entry->second);
       connections.erase(entry);
+      handlerList = nullptr;
     }
     remaining = connections.size();
   }
@@ -139,12 +141,16 @@ void BrixTcpServer::State::removeConnection(int id) {
   if (remaining == 0) connectionNotify(false);
 }
 
-std::vector<std::shared_ptr<TcpServerHandler>> BrixTcpServer::State::handlers() const {
-  std::vector<std::shared_ptr<TcpServerHandler>> copy;
+// One list for all who send, until somebody comes or goes.
+std::shared_ptr<const BrixTcpServer::State::Handlers> BrixTcpServer::State::handlers() {
   std::lock_guard<std::mutex> lock(mapLock);
-  copy.reserve(connections.size());
-  for (const auto& connection : connections) copy.push_back(connection.second);
-  return copy;
+  if (!handlerList) {
+    const auto made = std::make_shared<Handlers>();
+    made->reserve(connections.size());
+    for (const auto& connection : connections) made->push_back(connection.second);
+    handlerList = made;
+  }
+  return handlerList;
 }
 
 // One by one, without a list of them: a stop must not fail for want of memory.
