@@ -128,7 +128,8 @@ ssize_t SocketOwner::recv(void* buffer, std::size_t size, int flags) noexcept {
   ssize_t received = -1;
   do {
     received = ::recv(fd_, buffer, size, flags);
-  } while (received == -1 && (errno == EINTR || (slicedBySystem_ && mayWait && wouldBlock())));
+  } while (received == -1 &&
+           (errno == EINTR || (recvLimit_ == Limit::Set && mayWait && wouldBlock())));
   return received;
 }
 
@@ -143,21 +144,20 @@ int SocketOwner::accept(sockaddr_in& peer) noexcept {
   return accepted;
 }
 
-void SocketOwner::setSlice(int ms) noexcept {
-  const Use use(*this);
-  const timeval limit{ms / kMsPerSecond, ms % kMsPerSecond * kUsPerMs};
-  sliceMs_ = ms;
-  slicedBySystem_ = use && setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0;
-}
-
-// Not again after a signal: many of them would make the wait endless.
-ssize_t SocketOwner::recvSlice(void* buffer, std::size_t size) noexcept {
+// With the time limit of the system each read costs one call, without it two. Not again after a
+// signal: many of them would make the wait endless.
+ssize_t SocketOwner::recvFor(void* buffer, std::size_t size, int ms) noexcept {
   const Use use(*this);
   if (!use) return -1;
+  if (recvLimit_ == Limit::None) {
+    const timeval limit{ms / kMsPerSecond, ms % kMsPerSecond * kUsPerMs};
+    const bool set = setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0;
+    recvLimit_ = set ? Limit::Set : Limit::Refused;
+  }
   int flags = MSG_NOSIGNAL;
-  if (!slicedBySystem_) {
+  if (recvLimit_ != Limit::Set) {
     flags |= MSG_DONTWAIT;
-    pollFor(fd_, POLLIN, sliceMs_);
+    pollFor(fd_, POLLIN, ms);
   }
   const ssize_t received = ::recv(fd_, buffer, size, flags);
   if (received == -1 && errno == EINTR) errno = EAGAIN;

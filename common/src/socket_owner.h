@@ -64,12 +64,10 @@ class SocketOwner {
   /// @return as recv(2); -1 with EBADF after the end
   ssize_t recv(void* buffer, std::size_t size, int flags) noexcept;
 
-  /// Sets how long recvSlice() waits.
-  void setSlice(int ms) noexcept;
-
-  /// One recv that waits no longer than a slice, less if a signal comes.
+  /// One recv that waits `ms` milliseconds at most, less if a signal comes. Always with the same
+  /// `ms`, by one thread.
   /// @return as recv(2); -1 with EAGAIN if nothing came
-  ssize_t recvSlice(void* buffer, std::size_t size) noexcept;
+  ssize_t recvFor(void* buffer, std::size_t size, int ms) noexcept;
 
   /// @param peer  gets the address of who connected
   /// @return the accepted descriptor; -1 on an error and after the end
@@ -89,8 +87,8 @@ class SocketOwner {
   std::mutex mutex_;  // innermost
   State state_;
   int users_ = 0;
-  std::atomic<int> sliceMs_{0};
-  std::atomic<bool> slicedBySystem_{false};  // every recv fails after a slice
+  enum class Limit { None, Refused, Set };
+  std::atomic<Limit> recvLimit_{Limit::None};  // whether the system ends each recv after a while
 };
 
 /// Waits for `events` on a descriptor, or for something to read on another one, at most `ms`

@@ -70,7 +70,7 @@ class TCP_COM_API TcpClient : public BasicClientInterface {
   ///   stream's end and without socket, where reads return at once
   bool waitReadable(double ms) override;
 
-  /// Holds a descriptor for wakeReader() once `ms` has been more than 50.
+  /// Waits 50 ms at least. Holds a descriptor for wakeReader() once `ms` has been more than that.
   bool recieveMsgWithin(double ms, std::string& chunk) override;
 
   void wakeReader() override;

@@ -105,7 +105,6 @@ std::shared_ptr<SocketOwner> TcpClient::owner() const {
 
 void TcpClient::adopt(int fd) {
   auto next = SocketOwner::make(fd);
-  next->setSlice(kReadSliceMs);
   std::lock_guard<std::mutex> lock(ownerLock_);
   if (owner_) giveUp(*owner_);
   owner_ = std::move(next);
@@ -251,7 +250,7 @@ bool TcpClient::recieveMsgWithin(double ms, std::string& chunk) {
   const auto socket = owner();
   if (!socket) return false;
   char* const buffer = readBuffer();
-  ssize_t received = socket->recvSlice(buffer, kReadBytes);
+  ssize_t received = socket->recvFor(buffer, kReadBytes, kReadSliceMs);
   if (received < 0 && wouldBlock()) received = recvLong(*socket, buffer, ms - kReadSliceMs);
   if (received < 0 && wouldBlock()) return true;
   if (received < 1) return false;

@@ -87,7 +87,7 @@ void BrixTcpServer::State::take(Pump& pump) {
   const bool unpacedNow = unpaced(pump);
   pump.queue.popSome(pump.batch, unpacedNow ? kBatchBytes : 0);
   pump.left = pump.batch.size();
-  tellDelay(pump, unpacedNow);
+  if (pump.left > 0) tellDelay(pump, unpacedNow);
 }
 
 void BrixTcpServer::State::tellDelay(Pump& pump, bool unpacedNow) {
