@@ -118,7 +118,7 @@ TEST_P(DeliveryModeTest, TextsComeOnceInOrderAndOnTheThreadPromised) {
     EXPECT_EQ(std::count(std::begin(next), std::end(next), kTexts), kSenders);
   }
   EXPECT_EQ(clients[0].received.all(), clients[1].received.all());
-  for (const Client& client : clients) client.disconnect();
+  for (Client& client : clients) client.disconnect();
   server.server->terminateServer();
   const bool direct = GetParam().mode == DeliveryMode::Direct && GetParam().rateMs == 0;
   EXPECT_EQ(readers.size(), direct ? 2U : 1U);
