@@ -57,12 +57,13 @@ class TCP_COM_API CommunicationClient : public ThreadUnit {
   /// Turns progress lines and most failure lines on or off, the transport's among them.
   void setPrintFlag(bool print);
 
-  /// Sets the sending thread's pause in milliseconds; default 0.5. At 0 it waits for texts, and those
-  /// that wait together may leave with one system call. To 0 and from 0 it takes effect at once.
+  /// Sets the sending thread's pause in milliseconds; default 0.5. At 0 it waits for texts, and
+  /// those that wait together may leave with one system call. To 0 and from 0 it takes effect at
+  /// once.
   void setSendRate(double rate);
 
-  /// Sets the pause of receiving and delivery in milliseconds; default 0.5. At 0 there is none. To 0
-  /// and from 0 it takes effect at once.
+  /// Sets the pause of receiving and delivery in milliseconds; default 0.5. At 0 there is none. To
+  /// 0 and from 0 it takes effect at once.
   void setRecvRate(double rate);
 
   /// True (default): texts are queued, framed and sent by a thread. False: they are sent at once,

@@ -26,8 +26,7 @@ void TextQueue::push(std::string text) {
   if (limit_ != 0 && bytes_ > limit_) dropOldest();
 }
 
-std::size_t TextQueue::pushUntilFull(std::vector<std::string>& texts, std::size_t first,
-                                     bool all) {
+std::size_t TextQueue::pushUntilFull(std::vector<std::string>& texts, std::size_t first, bool all) {
   const std::ptrdiff_t limit = all ? 0 : limit_.load();
   const std::ptrdiff_t before = bytes_;
   std::ptrdiff_t added = 0;

@@ -45,8 +45,8 @@ class TCP_COM_API BasicClientInterface {
   /// Sets limits and checks, before connecting. Does nothing in the base.
   virtual void setSafetyOptions(const ClientSafetyOptions& options);
 
-  /// Waits for bytes about `ms` milliseconds, or until wakeReader(). In the base with waitReadable()
-  /// and recieveMsg(), 50 ms at most.
+  /// Waits for bytes about `ms` milliseconds, or until wakeReader(). In the base with
+  /// waitReadable() and recieveMsg(), 50 ms at most.
   /// @param chunk  gets a chunk of the stream; empty if none came
   /// @return false if none will come any more: the stream has ended, failed, or never began
   virtual bool recieveMsgWithin(double ms, std::string& chunk);

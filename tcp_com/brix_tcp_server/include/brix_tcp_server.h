@@ -125,8 +125,8 @@ class TCP_COM_API BrixTcpServer : public BasicServerInterface {
   /// Sets the pause between two sends in milliseconds; to 0 and from 0 it takes effect at once.
   void setSendRate(double rate) override;
 
-  /// As above, between two deliveries. A client that is connected keeps its pause between two reads,
-  /// the whole milliseconds of the rate at which it came.
+  /// As above, between two deliveries. A client that is connected keeps its pause between two
+  /// reads, the whole milliseconds of the rate at which it came.
   void setRecvRate(double rate) override;
 
   /// @return whether accept, send and receive thread have ended in order; false, on purpose, on a
