@@ -163,6 +163,19 @@ TEST_F(BrixTcpServerTest, RunsOnceAndClosesEachDescriptorOnce) {
   Subject().open(port);  // a restarted controller gets its port back at once
 }
 
+TEST_F(BrixTcpServerTest, AStopTellsTheEndOfEveryClient) {
+  for (const std::size_t clients : {1, 3, 1, 3}) {
+    Subject subject;
+    subject.open();
+    std::vector<RawSocket> sockets;
+    while (sockets.size() < clients) sockets.push_back(subject.client());
+    const std::size_t before = log.infos("remain connection counts");
+    subject.server->terminateServer();
+    EXPECT_EQ(subject.links.count("off"), 1u);
+    EXPECT_EQ(log.infos("remain connection counts") - before, clients);
+  }
+}
+
 TEST_F(BrixTcpServerTest, OutlivesEveryThreadThatCannotBeCreated) {
   const std::string missing[] = {"wait_connection_thread", "send msg thread", "recieve msg thread"};
   for (int failing = 1; failing <= 5; ++failing) {  // the fourth is the monitor, then a handler

@@ -19,6 +19,8 @@ BrixTcpServer::BrixTcpServer() : state_(std::make_shared<State>(this)) {}
 
 BrixTcpServer::~BrixTcpServer() {
   noticeProcessEnd();
+  // The monitor will work off the ends after this object has gone.
+  if (ThreadMark::standsFor(state_.get())) state_->connectionListener = nullptr;
   state_->terminate();
   state_->release();
 }
@@ -131,7 +133,9 @@ bool BrixTcpServer::State::anyWorker() const {
 
 void BrixTcpServer::State::startWorkers(int port) {
   const auto state = shared_from_this();
+  accepting = true;
   if (!startThread(acceptThread, "accept thread", [state, port] { state->acceptLoop(port); })) {
+    accepting = false;
     listening.fail();
   }
   startThread(sendThread, "send thread", [state] { state->sendLoop(); });
@@ -140,15 +144,17 @@ void BrixTcpServer::State::startWorkers(int port) {
 }
 
 // Stop sequence: 1. log; 2. quit flag, wake the pumps; 3. end every connection, which frees a send
-// that is stuck on one; 4. end the listening socket, which ends the accept; 5. join accept, send
-// and receive thread, wait for a listener on a client's thread; 6. wake and join the monitor. On
-// one of these threads, and in a listener, only 1 to 4: waiting there would mean waiting for
-// itself, or for a thread that waits for a lock held here.
+// that is stuck on one; 4. end the listening socket, which ends the accept, and wake the monitor,
+// which ends when it has told of the last client's end; 5. join accept, send and receive thread,
+// wait for a listener on a client's thread; 6. join the monitor. On one of these threads, and in a
+// listener, only 1 to 4: waiting there would mean waiting for itself, or for a thread that waits
+// for a lock held here.
 void BrixTcpServer::State::terminate() {
   BRIX_LOG_INFO("tcp server terminated, base socket id %d", listening.number());
   quit.request();
   terminateHandlers();
   listening.end();
+  monitorSignal.wake();
   if (ThreadMark::standsFor(this)) return;
   if (const auto lock = lockOrLeave(lifecycleLock)) joinWorkers();
 }

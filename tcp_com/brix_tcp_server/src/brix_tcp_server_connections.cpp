@@ -18,8 +18,21 @@ constexpr double kAcceptPauseMs = 10;
 
 }  // namespace
 
+/// Ends with the accept loop, however that ends; the monitor waits for it.
+struct BrixTcpServer::State::Accepting {
+  explicit Accepting(State& accepts) : state(accepts) { state.accepting = true; }
+  ~Accepting() {
+    state.accepting = false;
+    state.monitorSignal.wake();
+  }
+  Accepting(const Accepting&) = delete;
+  Accepting& operator=(const Accepting&) = delete;
+  State& state;
+};
+
 void BrixTcpServer::State::acceptLoop(int port) {
   const ThreadMark mark(this);
+  const Accepting whileRunning(*this);
   const char* failure = listening.open();
   if (failure == nullptr) failure = listening.listenOn(port);
   if (failure != nullptr) {
@@ -70,6 +83,8 @@ int BrixTcpServer::State::connectionCount() const {
 
 void BrixTcpServer::State::insertHandler(int id, const std::shared_ptr<TcpServerHandler>& handler) {
   std::lock_guard<std::mutex> lock(connectionLock);
+  quitIds.reserve(connections.size() +
+                  1);  // the end of a client must not be lost for want of memory
   {
     std::lock_guard<std::mutex> mapGuard(mapLock);
     connections[id] = handler;
@@ -108,15 +123,17 @@ void BrixTcpServer::State::popSocketHandle(int id) {
   monitorSignal.wake();
 }
 
+// Goes on after a stop until every client has ended and been told of.
 void BrixTcpServer::State::monitorLoop() {
   const ThreadMark mark(this);
-  while (!quit.requested()) {
-    monitorSignal.wait([this] { return anyQuitId.load(); });
+  const auto over = [this] { return quit.requested() && !accepting && connectionCount() == 0; };
+  do {
+    monitorSignal.wait([&] { return anyQuitId || over(); });
     std::lock_guard<std::mutex> lock(connectionLock);
     for (const int id : quitIds) guarded("monitor exception: %s", [&] { removeConnection(id); });
     quitIds.clear();
     anyQuitId = false;
-  }
+  } while (!over());
 }
 
 // The handler is destroyed here, with its finished thread, unless the send pump still holds it.

@@ -99,8 +99,16 @@ void TcpServerHandler::State::waitForRelease() {
   gate.wait(lock, [this] { return released; });
 }
 
-// However the loop ends, for want of memory too, the connection ends with it.
+// However the loop ends, for want of memory or because a listener ends the thread, the connection
+// ends with it.
 void TcpServerHandler::State::receiveLoop(int intervalMs) {
+  struct Finisher {
+    State& state;
+    bool finished = false;
+    ~Finisher() {
+      if (!finished) state.finish();
+    }
+  } finisher{*this};
   waitForRelease();
   guarded("connection handler exception: %s", [&] {
     const std::unique_ptr<char[]> block(new char[kReceiveBlockBytes]);  // not cleared
@@ -108,6 +116,7 @@ void TcpServerHandler::State::receiveLoop(int intervalMs) {
       if (intervalMs > 0) quit.pauseMs(intervalMs);  // even a pause of 0 takes its time
     } while (!quit.requested() && receiveChunk(block.get()));
   });
+  finisher.finished = true;
   finish();
 }
 

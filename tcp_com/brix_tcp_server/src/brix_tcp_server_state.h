@@ -61,6 +61,7 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   void release();
   bool releaseAble() const;
 
+  struct Accepting;
   void acceptLoop(int port);
   void createHandler(int socket);
   int connectionCount() const;
@@ -105,7 +106,9 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   std::mutex connectionLock;
   [[maybe_unused]] int reserved = 0;
   StopSignal quit;
-  WakeSignal monitorSignal{quit};
+  StopSignal monitorAsk;  // never asked to stop: the monitor works off the ends that a stop causes
+  WakeSignal monitorSignal{monitorAsk};
+  std::atomic<bool> accepting{false};  // until the accept thread lets no client in any more
   std::atomic<bool> anyQuitId{false};  // changed under connectionLock
   ListenSocket listening{quit};
   ValueSlot<ServerSafetyOptions> safety;
