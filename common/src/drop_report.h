@@ -12,6 +12,9 @@ class DropReport {
  public:
   void count() { ++dropped_; }
 
+  /// @return whether a line is to be written, now or when it is due
+  bool owes() const { return dropped_ != 0; }
+
   /// Writes the log line if it is due.
   void tell();
 

@@ -23,12 +23,12 @@ class TextQueue {
   /// that takes the texts, so that the last ones are told of too.
   void report();
 
+  /// @return whether texts were dropped that no line has told of yet
+  bool owesReport() const { return report_.owes(); }
+
   /// Appends texts from the one at `first` on until the limit is reached, or all. Drops nothing.
   /// @return the place of the first one that was not appended
   std::size_t pushUntilFull(std::vector<std::string>& texts, std::size_t first, bool all);
-
-  /// @return whether the texts have reached the limit; their sender may wait instead of pushing
-  bool full() const { return limit_ != 0 && bytes_ >= limit_; }
 
   /// @return the oldest text, or an empty one if there is none
   std::string pop();

@@ -44,8 +44,8 @@ void BrixTcpServer::registerMsgListener(std::function<void(const std::string&)> 
 }
 
 bool BrixTcpServer::setSafetyOptions(const ServerSafetyOptions& options) {
-  const std::unique_lock<std::mutex> lock(state_->lifecycleLock, std::try_to_lock);
-  if (!lock || state_->anyWorker()) {
+  std::lock_guard<std::mutex> lock(state_->optionsLock);
+  if (state_->started) {
     BRIX_LOG_ERROR("tcp server runs already, safety options not set");
     return false;
   }
@@ -56,7 +56,13 @@ bool BrixTcpServer::setSafetyOptions(const ServerSafetyOptions& options) {
   return true;
 }
 
+// What waits in a backlog is in order only for the mode that put it there.
 void BrixTcpServer::setDeliveryMode(DeliveryMode mode) {
+  std::lock_guard<std::mutex> lock(state_->optionsLock);
+  if (state_->started) {
+    BRIX_LOG_ERROR("tcp server runs already, delivery mode not set");
+    return;
+  }
   state_->mode = mode;
 }
 
@@ -122,7 +128,11 @@ void BrixTcpServer::State::start(int port) {
     BRIX_LOG_ERROR("tcp server runs already, port %d not opened", port);
     return;
   }
-  startWorkers(port);
+  {
+    std::lock_guard<std::mutex> options(optionsLock);
+    startWorkers(port);
+    started = anyWorker();
+  }
   BRIX_LOG_INFO("tcp server init, port %d", port);
 }
 

@@ -106,6 +106,8 @@ void BrixTcpServer::State::connectionNotify(bool value) {
     if (!value) {
       receiving.clear();
       sending.clear();
+      stalled = false;  // nobody is left to be tried again
+      tellDrops(sending);
     }
     connected = value;
   }

@@ -55,12 +55,13 @@ void BrixTcpServer::State::send(std::string text) {
   sending.signal.wake();
 }
 
-// Whoever holds the lock is sending: what comes meanwhile is left to the send thread.
+// Whoever holds the lock is sending: what comes meanwhile is left to the send thread. Those who
+// tell of connections want the lock as well, and would never get it from many senders.
 /// @return false if the text is to be queued
 bool BrixTcpServer::State::sendHere(const std::string& text) {
   if (!unpaced(sending)) return false;
   const std::unique_lock<std::mutex> lock(sending.lock, std::try_to_lock);
-  if (!lock || !connected || !sending.idle()) return false;
+  if (!lock || !connected || notifiers > 0 || !sending.idle()) return false;
   offer(text);
   return true;
 }
@@ -68,11 +69,16 @@ bool BrixTcpServer::State::sendHere(const std::string& text) {
 // To be called with the sending pump's lock, as the next one.
 void BrixTcpServer::State::offer(const std::string& text) {
   SharedText shared(text);
-  bool waits = false;
+  bool stalls = false;  // a client that has not so far
   const auto all = handlers();
-  for (const auto& handler : *all) waits |= !handler->state_->offer(shared, dropped);
-  if (!waits || stalled.exchange(true)) return;
+  for (const auto& handler : *all) {
+    TcpServerHandler::State& state = *handler->state_;
+    const bool before = !state.backlog.empty();
+    stalls |= !state.offer(shared, dropped) && !before;
+  }
+  if (!stalls) return;
   retryMs = kFirstRetryMs;
+  stalled = true;
   sending.signal.wake();
 }
 

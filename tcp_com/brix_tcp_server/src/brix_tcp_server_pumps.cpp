@@ -16,6 +16,7 @@ namespace {
 constexpr std::size_t kBacklogWorthALine = 100;
 constexpr double kUnpacedLineMs = 1000;  // shortest time between two such lines at rate 0
 constexpr std::size_t kBatchBytes = 65536;
+constexpr double kOwedLineMs = 1000;  // until a line about dropped texts is surely due
 
 }  // namespace
 
@@ -52,7 +53,7 @@ void BrixTcpServer::State::pumpLoop(Pump& pump) {
     waitForWork(pump);
     std::unique_lock<std::mutex> lock(pump.lock);
     if (quit.requested()) break;
-    pump.queue.report();
+    tellDrops(pump);
     if (connected) guarded("tcp server pump exception: %s", [&] { pumpOnce(pump, lock); });
   }
   BRIX_LOG_INFO(pump.exitText);
@@ -65,12 +66,27 @@ void BrixTcpServer::State::pausePump(const Pump& pump) {
 }
 
 // A stalled client's socket cannot be waited for together with the queue: it is tried again after a
-// while, ever more rarely.
+// while, ever more rarely, and at once when another client stalls.
 void BrixTcpServer::State::waitForWork(Pump& pump) {
   const auto ready = [&] { return connected && notifiers == 0 && (!pump.idle() || !waits(pump)); };
   const bool sends = &pump == &sending;
-  pump.signal.wait([&] { return ready() || (sends && stalled); });
-  if (sends && stalled) pump.signal.waitFor(retryMs, ready);
+  pump.signal.wait([&] { return ready() || (sends && stalled) || owesLine(pump); });
+  if (sends && stalled) {
+    const double ms = retryMs;
+    pump.signal.waitFor(ms, [&] { return ready() || retryMs < ms; });
+  } else if (owesLine(pump)) {
+    pump.signal.waitFor(kOwedLineMs, ready);
+  }
+}
+
+/// @return whether texts were dropped that no line has told of yet
+bool BrixTcpServer::State::owesLine(const Pump& pump) const {
+  return pump.queue.owesReport() || (&pump == &sending && dropped.owes());
+}
+
+void BrixTcpServer::State::tellDrops(Pump& pump) {
+  pump.queue.report();
+  if (&pump == &sending) dropped.tell();
 }
 
 void BrixTcpServer::State::pumpOnce(Pump& pump, std::unique_lock<std::mutex>& lock) {
@@ -82,11 +98,20 @@ void BrixTcpServer::State::pumpOnce(Pump& pump, std::unique_lock<std::mutex>& lo
 
 // What was taken at rate 0 comes first, whatever the rate is now.
 void BrixTcpServer::State::take(Pump& pump) {
-  if (pump.left > 0) return;
-  pump.batch.clear();
   const bool unpacedNow = unpaced(pump);
-  pump.queue.popSome(pump.batch, unpacedNow ? kBatchBytes : 0);
-  pump.left = pump.batch.size();
+  if (pump.left > 0) {
+    if (!unpacedNow) tellDelay(pump, unpacedNow);
+    return;
+  }
+  struct Count {  // want of memory may end the taking half-way
+    Pump& pump;
+    ~Count() { pump.left = pump.batch.size(); }
+  };
+  pump.batch.clear();
+  {
+    const Count taken{pump};
+    pump.queue.popSome(pump.batch, unpacedNow ? kBatchBytes : 0);
+  }
   if (pump.left > 0) tellDelay(pump, unpacedNow);
 }
 
@@ -135,6 +160,7 @@ void BrixTcpServer::State::passToHandlers(std::unique_lock<std::mutex>& /*lock*/
     const auto all = handlers();
     for (const auto& handler : *all) handler->sendMsg(*text);
   }
+  sending.batch.clear();  // a large text would stay until the next one
 }
 
 double BrixTcpServer::State::rate(double BasicServerInterface::*field) const {

@@ -21,10 +21,10 @@ namespace brix {
 
 /// What the server shares with its threads: a listener on one of them may destroy the server.
 ///
-/// Lock order: lifecycleLock; connectionLock, notifyLock, the lock of the receiving pump, that of
-/// the sending one; then the innermost ones, which are never held while another lock is taken or
-/// anything is called: mapLock, selfLock, the own locks of the listening socket, the queues and the
-/// slots.
+/// Lock order: lifecycleLock; optionsLock; connectionLock, notifyLock, the lock of the receiving
+/// pump, that of the sending one; then the innermost ones, which are never held while another lock
+/// is taken or anything is called: mapLock, selfLock, the own locks of the listening socket, the
+/// queues and the slots.
 struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State> {
   explicit State(BasicServerInterface* owner);
   ~State();
@@ -77,6 +77,8 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   void pumpLoop(Pump& pump);
   void pausePump(const Pump& pump);
   void waitForWork(Pump& pump);
+  bool owesLine(const Pump& pump) const;
+  void tellDrops(Pump& pump);
   void pumpOnce(Pump& pump, std::unique_lock<std::mutex>& lock);
   void take(Pump& pump);
   void tellDelay(Pump& pump, bool unpacedNow);
@@ -132,6 +134,8 @@ struct TCP_COM_HIDDEN BrixTcpServer::State : std::enable_shared_from_this<State>
   DropReport dropped;                // of stalled clients' texts
 
   std::mutex lifecycleLock;
+  std::mutex optionsLock;  // held for moments only
+  bool started = false;    // optionsLock; whether the options and the mode are fixed
   mutable std::mutex mapLock;
   mutable std::mutex selfLock;
   BasicServerInterface* self;  // selfLock; null once the server is gone
