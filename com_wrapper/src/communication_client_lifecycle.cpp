@@ -113,7 +113,7 @@ void CommunicationClient::State::joinRetired() {
 // Silence counts from here, not from the last chunk of the connection before.
 std::shared_ptr<ClientLink> CommunicationClient::State::beginLink(
     std::shared_ptr<BasicClientInterface> handle) {
-  auto next = std::make_shared<ClientLink>(heartbeatMode, std::move(handle),
+  auto next = std::make_shared<ClientLink>(heartbeatMode, mode, std::move(handle),
                                            safety.load().value_or(ClientSafetyOptions()));
   log_time::timer_start(next->recvTimer);
   link = next;

@@ -39,9 +39,10 @@ BRIX_SEES_THREAD_END void CommunicationClient::State::sendLoop(ClientLink& own) 
   try {
     while (!own.stop.requested() && sendMode) {
       pause(own, sendRate, sendMode);
-      own.sendSignal.wait([&] { return !nothing() || !sendMode || !waits(sendRate); });
+      own.sendSignal.wait([&] { return !nothing() || !sendMode || !waits(own, sendRate); });
       if (!nothing()) sendBatch(own);
     }
+    finishText(own);
   } catch (abi::__forced_unwind&) {
     throw;
   } catch (...) {
@@ -62,6 +63,14 @@ void CommunicationClient::State::sendBatch(ClientLink& own) {
   }
 }
 
+// The mode was turned off: the peer must not wait for the other half of a text.
+void CommunicationClient::State::finishText(ClientLink& own) {
+  if (!own.hasUnsent) return;
+  std::lock_guard<std::mutex> lock(own.writeLock);
+  const ThreadMark writing(&own.writeLock);
+  sendUnsent(own);
+}
+
 void CommunicationClient::State::sendUnsent(ClientLink& own) {
   if (!own.hasUnsent || own.stop.requested()) return;
   own.hasUnsent = false;
@@ -69,10 +78,13 @@ void CommunicationClient::State::sendUnsent(ClientLink& own) {
 }
 
 // Whoever holds the lock is sending: what comes meanwhile is left to the send thread. A text that
-// the connection takes in part is finished by that thread.
+// the connection takes in part is finished by that thread. A transport that ends the connection in
+// here is like a callback: it must not wait for this lock, nor for who waits for it.
 /// @return false if the text is to be queued
 bool CommunicationClient::State::sendHere(ClientLink& own, const std::string& text) {
+  if (ThreadMark::standsFor(&own.writeLock)) return false;
   const std::unique_lock<std::mutex> lock(own.writeLock, std::try_to_lock);
+  const ThreadMark writing(&own.writeLock), inTransport(this);
   if (!lock || own.stop.requested() || own.hasUnsent || !own.sendQueue.empty()) return false;
   const std::size_t sent = own.handle->sendAtOnce(text.data(), text.size());
   if (sent == 0 && !text.empty()) return false;
@@ -83,20 +95,24 @@ bool CommunicationClient::State::sendHere(ClientLink& own, const std::string& te
   return true;
 }
 
-// What bypasses the queue must not come between the two parts of a text.
+// What bypasses the queue must not come between the two parts of a text, nor into the connection
+// that the transport has next.
 void CommunicationClient::State::sendPast(ClientLink& own, const std::function<void()>& send) {
-  std::unique_lock<std::mutex> lock(own.writeLock, std::defer_lock);
-  if (mode == DeliveryMode::Direct && !ThreadMark::standsFor(&own.writeLock)) {
-    lock.lock();
-    sendUnsent(own);
+  if (own.mode != DeliveryMode::Direct || ThreadMark::standsFor(&own.writeLock)) {
+    send();
+    return;
   }
+  std::lock_guard<std::mutex> lock(own.writeLock);
+  if (own.stop.requested()) return;
+  const ThreadMark writing(&own.writeLock), inTransport(this);
+  sendUnsent(own);
   send();
 }
 
 /// Waits until nobody writes any more to a connection that has been stopped: the transport may be
 /// that of the next one soon.
 void CommunicationClient::State::awaitSenders(ClientLink& own) {
-  if (mode != DeliveryMode::Direct || ThreadMark::standsFor(&own.writeLock)) return;
+  if (own.mode != DeliveryMode::Direct || ThreadMark::standsFor(&own.writeLock)) return;
   lockOrLeave(own.writeLock);
 }
 
@@ -121,7 +137,7 @@ void CommunicationClient::State::handOverText(ClientLink& own, const std::string
     return;
   }
   const std::string_view end = endOf(msg, own.handle->delimiter);
-  if (direct(sendRate) && sendHere(own, joined(msg, end))) return;
+  if (direct(own, sendRate) && sendHere(own, joined(msg, end))) return;
   if (unpaced(sendRate) && own.handle->joinsTexts()) {
     own.sendQueue.join(msg, end, kJoinedBytes);
   } else {

@@ -37,9 +37,10 @@ class StopWatch {
 /// What belongs to one connection: a new one never meets the texts, the silence or the watchdog of
 /// the one before.
 struct ClientLink : ConnectionWorkers {
-  ClientLink(bool heartbeatMode, std::shared_ptr<BasicClientInterface> transport,
-             const ClientSafetyOptions& options)
+  ClientLink(bool heartbeatMode, DeliveryMode delivery,
+             std::shared_ptr<BasicClientInterface> transport, const ClientSafetyOptions& options)
       : heartbeats(heartbeatMode),
+        mode(delivery),
         handle(std::move(transport)),
         maxMessageBytes(options.maxMessageBytes),
         givesUp(options.peerTimeoutMs > 0),
@@ -47,7 +48,8 @@ struct ClientLink : ConnectionWorkers {
 
   WakeSignal sendSignal{stop};  // a text was queued
   WakeSignal recvSignal{stop};
-  const bool heartbeats;                               // whether it was begun in heartbeat mode
+  const bool heartbeats;  // whether it was begun in heartbeat mode
+  const DeliveryMode mode;
   const std::shared_ptr<BasicClientInterface> handle;  // the transport that was connected
   const std::size_t maxMessageBytes;
   const bool givesUp;  // a link that has ended is left at once, without a watchdog
@@ -101,7 +103,7 @@ class TCP_COM_HIDDEN CommunicationClient::State
 
   ValueSlot<std::shared_ptr<BasicClientInterface>> clientHandle;
   ValueSlot<std::optional<ClientSafetyOptions>> safety;
-  std::atomic<DeliveryMode> mode{DeliveryMode::Polled};
+  std::atomic<DeliveryMode> mode{DeliveryMode::Polled};  // of the next connection
   std::atomic<double> sendRate{0.5};
   std::atomic<double> recvRate{0.5};
   std::atomic<bool> connected{false};
@@ -138,16 +140,17 @@ class TCP_COM_HIDDEN CommunicationClient::State
   void joinRetired();
   void notify(bool value);
   void closeTransport(BasicClientInterface& handle);
+  void pauseIfUnpaced(double ms);
   template <typename Send>
   int handOver(const char* fmt, Send send);
   void handOverText(ClientLink& own, const std::string& msg);
 
   static bool unpaced(const std::atomic<double>& rate) { return !(rate > 0); }
-  bool waits(const std::atomic<double>& rate) const {
-    return mode != DeliveryMode::Polled || unpaced(rate);
+  static bool waits(const ClientLink& own, const std::atomic<double>& rate) {
+    return own.mode != DeliveryMode::Polled || unpaced(rate);
   }
-  bool direct(const std::atomic<double>& rate) const {
-    return mode == DeliveryMode::Direct && unpaced(rate);
+  static bool direct(const ClientLink& own, const std::atomic<double>& rate) {
+    return own.mode == DeliveryMode::Direct && unpaced(rate);
   }
   void pause(ClientLink& own, const std::atomic<double>& rate, const std::atomic<bool>& on);
   void awaitMessage(ClientLink& own);
@@ -164,10 +167,11 @@ class TCP_COM_HIDDEN CommunicationClient::State
   void deliverAll(ClientLink& own, const std::vector<std::string>& msgs);
   void deliverOne(const std::string& msg);
   void sendBatch(ClientLink& own);
+  void finishText(ClientLink& own);
   void sendUnsent(ClientLink& own);
   bool sendHere(ClientLink& own, const std::string& text);
   void sendPast(ClientLink& own, const std::function<void()>& send);
-  void awaitSenders(ClientLink& own);
+  static void awaitSenders(ClientLink& own);
 
   const std::shared_ptr<ThreadLoop> loop;
   std::recursive_mutex connectLock;

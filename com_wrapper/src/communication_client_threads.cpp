@@ -8,6 +8,7 @@
 #include "callback_guard.h"
 #include "command_envelope.h"
 #include "communication_client_state.h"
+#include "lock_in_steps.h"
 #include "log_macros.h"
 #include "process_end.h"
 #include "thread_mark.h"
@@ -19,6 +20,7 @@ namespace {
 constexpr double kReadSliceMs = 50;
 constexpr double kLongestWaitMs = 3600000;  // when it waits, and nothing falls due
 constexpr double kDeadLinkPauseMs = 10;     // a link that gives nothing any more is still looked at
+constexpr double kNoLinkPauseMs = 1;        // short, since a connection is usually on its way
 constexpr double kHeartbeatMs = 2500;
 constexpr std::size_t kLongestTraceBytes = 60000;  // a log line holds little more
 
@@ -26,12 +28,18 @@ constexpr std::size_t kLongestTraceBytes = 60000;  // a log line holds little mo
 
 void CommunicationClient::State::cycle() {
   const ThreadMark mark(this);
-  if (!connected) return;
+  if (!connected) {
+    pauseIfUnpaced(kNoLinkPauseMs);
+    return;
+  }
   const auto own = link.load();
   if (own->quitFlag) {
     log_time::timer_end(own->recvTimer);
     warnOfSilence(*own);  // the last warning and the watchdog fall due together
-    if (!disConnect()) return;
+    if (!disConnect()) {
+      pauseIfUnpaced(kNoLinkPauseMs);
+      return;
+    }
     own->joinAll();
     joinRetired();
     if (printFlag) BRIX_LOG_INFO("communication thread quit.");
@@ -44,7 +52,7 @@ void CommunicationClient::State::cycle() {
   log_time::timer_end(own->recvTimer);
   warnOfSilence(*own);
   if (!open && own->givesUp) own->quitFlag = true;  // the next cycle disconnects
-  if (!open && waits(recvRate)) loop->pauseMs(kDeadLinkPauseMs);
+  if (!open && waits(*own, recvRate)) loop->pauseMs(kDeadLinkPauseMs);
   if (own->chunk.empty()) return;
   const std::string& delimiter = handle.delimiter;
   if (own->chunk == delimiter) return;  // no traffic, and nothing for the buffer
@@ -53,9 +61,14 @@ void CommunicationClient::State::cycle() {
   cutMessages(*own, delimiter);
 }
 
+// At a rate of 0 nothing else paces a cycle that did not read.
+void CommunicationClient::State::pauseIfUnpaced(double ms) {
+  if (unpaced(recvRate)) loop->pauseMs(ms);
+}
+
 // Until the next warning falls due.
 double CommunicationClient::State::readWaitMs(ClientLink& own) const {
-  if (!waits(recvRate)) return kReadSliceMs;
+  if (!waits(own, recvRate)) return kReadSliceMs;
   if (!beating(own)) return kLongestWaitMs;
   log_time::timer_end(own.recvTimer);
   const double leftMs = own.warnCount * warnInterval - own.recvTimer.elapsed;
@@ -113,7 +126,7 @@ void CommunicationClient::State::broadcastLoop(ClientLink& own) {
   own.sinceDelivery.start();
   while (!own.stop.requested() && broadcastMode) {
     pause(own, recvRate, broadcastMode);
-    if (waits(recvRate)) awaitMessage(own);
+    if (waits(own, recvRate)) awaitMessage(own);
     if (own.recvQueue.empty()) {
       if (watchdogFires(own)) break;
       continue;
@@ -124,18 +137,22 @@ void CommunicationClient::State::broadcastLoop(ClientLink& own) {
   if (printFlag) BRIX_LOG_ERROR("broadcast thread quit...");
 }
 
-// No longer than until the watchdog may fire.
+// No longer than until the watchdog may fire; a listener that runs on the unit's thread starts the
+// watch anew when it returns.
 void CommunicationClient::State::awaitMessage(ClientLink& own) {
-  const double leftMs = recvTimeout - own.sinceDelivery.elapsedMs();
+  const double leftMs = own.delivering ? recvTimeout : recvTimeout - own.sinceDelivery.elapsedMs();
   const bool watched = beating(own);
   own.recvSignal.waitFor(watched ? std::max(leftMs, 1.0) : kLongestWaitMs, [&] {
-    return !own.recvQueue.empty() || !broadcastMode || !waits(recvRate) || watched != beating(own);
+    return !own.recvQueue.empty() || !broadcastMode || !waits(own, recvRate) ||
+           watched != beating(own);
   });
 }
 
+// In this order: a delivery that ends meanwhile has started the watch anew by then.
 bool CommunicationClient::State::watchdogFires(ClientLink& own) {
+  if (own.delivering) return false;
   const double idleMs = own.sinceDelivery.elapsedMs();
-  if (idleMs < recvTimeout || !beating(own) || own.delivering) return false;
+  if (idleMs < recvTimeout || !beating(own)) return false;
   if (printFlag) BRIX_LOG_INFO("has data %b, duration %f", false, idleMs);
   own.quitFlag = true;
   own.handle->wakeReader();
@@ -160,16 +177,17 @@ void CommunicationClient::State::deliverAll(ClientLink& own, const std::vector<s
 }
 
 void CommunicationClient::State::handOverReceived(ClientLink& own) {
-  if (direct(recvRate) && deliverHere(own)) return;
+  if (direct(own, recvRate) && deliverHere(own)) return;
   own.recvQueue.pushAll(own.msgs);
   own.recvSignal.wake();
 }
 
-// The time that listeners take here is not silence.
+// The time that listeners take here is not silence. A listener on the broadcast thread may have
+// ended this very connection, and wait for this thread before it connects anew.
 /// @return false if messages wait that come first
 bool CommunicationClient::State::deliverHere(ClientLink& own) {
-  const auto lock = lockOrLeave(listenerMutex);
-  if (!lock || !own.recvQueue.empty()) return false;
+  std::unique_lock<std::mutex> lock(listenerMutex, std::defer_lock);
+  if (!lockInSteps(lock, own.stop) || !own.recvQueue.empty()) return false;
   own.delivering = true;
   deliverAll(own, own.msgs);
   own.sinceDelivery.start();

@@ -262,7 +262,9 @@ bool TcpClient::recieveMsgWithin(double ms, std::string& chunk) {
 ssize_t TcpClient::recvLong(SocketOwner& socket, char* buffer, double ms) {
   ssize_t received = -1;
   if (ms > 0 && openWakeUp()) {
-    if (!wakeAsked_ && socket.waitReadable(ms, wakeUp_)) {
+    if (wakeAsked_ || !socket.waitReadable(ms, wakeUp_)) {
+      errno = EAGAIN;  // whatever a signal during the wait has left there
+    } else {
       received = socket.recv(buffer, kReadBytes, MSG_NOSIGNAL | MSG_DONTWAIT);
     }
     if (received >= 0 || !wouldBlock()) return received;
