@@ -50,8 +50,8 @@ class TCP_COM_API CommunicationClient : public ThreadUnit {
   /// Sets limits and checks, those of the transport among them; the next connection has them.
   void setSafetyOptions(const ClientSafetyOptions& options);
 
-  /// Sets how messages are handed over, and which thread calls the listeners; to be called before
-  /// `connect`. Default: Polled.
+  /// Sets how messages are handed over, and which thread calls the listeners; the next connection
+  /// has it. Default: Polled.
   void setDeliveryMode(DeliveryMode mode);
 
   /// Turns progress lines and most failure lines on or off, the transport's among them.

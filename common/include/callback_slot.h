@@ -26,8 +26,15 @@ class ValueSlot {
   }
 
   void store(T value) {
+    store(std::move(value), [] {});
+  }
+
+  /// As above; calls `also` under the same lock.
+  template <typename Also>
+  void store(T value, Also also) {
     std::lock_guard<std::mutex> lock(mutex_);
     std::swap(value_, value);
+    also();
   }
 
   T load() const {
@@ -52,10 +59,11 @@ class CallbackSlot<Result(Args...)> {
 
   CallbackSlot() = default;
 
+  /// The new function may destroy what holds this slot as soon as it can be called: nothing of the
+  /// slot is touched after the lock.
   CallbackSlot& operator=(Function function) {
     auto next = function ? std::make_shared<const Function>(std::move(function)) : nullptr;
-    function_.store(std::move(next));
-    ++changes_;
+    function_.store(std::move(next), [this] { ++changes_; });
     return *this;
   }
 

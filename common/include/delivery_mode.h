@@ -10,7 +10,8 @@ namespace brix {
 /// Message listeners are called by
 /// - Polled, WakeOnData: the server's receive thread, the client's broadcast thread;
 /// - Direct at rate 0: the server's thread that reads that client, the client's unit thread
-///   "com_client"; their usual thread only if messages were waiting when the rate became 0.
+///   "com_client"; their usual thread only if messages were waiting when the rate became 0. A
+///   server's thread that reads a client has a stack of 1 MiB.
 enum class DeliveryMode {
   /// A thread looks for messages once a period. At a rate of exactly 0 it waits for them.
   Polled,
@@ -23,7 +24,8 @@ enum class DeliveryMode {
   /// For rate 0; at any other rate as WakeOnData. A received message goes to the listener on the
   /// thread that read it, one at a time and in order for each connection. A text is written by its
   /// sender if nothing waits before it and the connection takes it without blocking; otherwise it,
-  /// or the rest of it, waits for the send thread. Sending never blocks, also inside a listener.
+  /// or the rest of it, waits for the send thread. Sending a queued text never blocks, also inside
+  /// a listener; what goes past the client's queue waits for a send that is under way.
   Direct,
 };
 

@@ -22,9 +22,9 @@ enum class HandlerStart {
 
 /// Serves one accepted connection: reads, cuts and hands over messages; writes what it is given.
 ///
-/// Called from: any thread. Calls back on: the handler's own thread, no lock held. A callback may
-/// call every operation and may drop the last reference to the handler; what it throws is logged,
-/// and the handler goes on.
+/// Called from: any thread. Calls back on: the handler's own thread, which has a stack of 1 MiB, no
+/// lock held. A callback may call every operation and may drop the last reference to the handler;
+/// what it throws is logged, and the handler goes on.
 class TCP_COM_API TcpServerHandler {
   friend class BrixTcpServer;
   struct State;
@@ -101,7 +101,7 @@ class TCP_COM_API BrixTcpServer : public BasicServerInterface {
   bool setSafetyOptions(const ServerSafetyOptions& options);
 
   /// Sets how messages are handed over, and which thread calls the message listener; to be called
-  /// before the start. Default: Polled.
+  /// before the start, later it is refused with a log line. Default: Polled.
   void setDeliveryMode(DeliveryMode mode);
 
   /// Starts the threads. Call it once: on a running server it is refused with a log line, and a
