@@ -163,6 +163,20 @@ TEST_F(BrixTcpServerTest, RunsOnceAndClosesEachDescriptorOnce) {
   Subject().open(port);  // a restarted controller gets its port back at once
 }
 
+TEST_F(BrixTcpServerTest, OptionsThatAreBeingSetPreventNoStart) {
+  for (int round = 0; round < 20; ++round) {
+    Subject subject;
+    std::atomic<bool> setting{false}, begun{false};
+    std::thread other([&] {
+      while (subject.server->setSafetyOptions({}) && !begun) setting = true;
+    });
+    EXPECT_TRUE(eventually([&] { return setting.load(); }));
+    subject.open();
+    begun = true;
+    other.join();
+  }
+}
+
 TEST_F(BrixTcpServerTest, AStopTellsTheEndOfEveryClient) {
   for (const std::size_t clients : {1, 3, 1, 3}) {
     Subject subject;

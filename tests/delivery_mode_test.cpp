@@ -1,17 +1,14 @@
 // What holds in every delivery mode, and what sets the modes apart.
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <future>
 #include <random>
 #include <set>
 
-#include "brix_tcp_server.h"
+#include "delivery_link.h"
 #include "log_capture.h"
 #include "raw_socket.h"
-#include "tcp_client.h"
-#include "two_clients.h"
 #include "wake_signal.h"
 
 namespace {
@@ -19,12 +16,6 @@ namespace {
 using namespace test;
 using brix::DeliveryMode;
 
-struct Setting {
-  const char* name;
-  DeliveryMode mode;
-  double rateMs;
-};
-const Setting kDirect{"Direct", DeliveryMode::Direct, 0};
 const Setting kSettings[] = {{"Default", DeliveryMode::Polled, 0.5},
                              {"RateZero", DeliveryMode::Polled, 0},
                              {"WakeOnData", DeliveryMode::WakeOnData, 0.1},
@@ -34,54 +25,6 @@ const Setting kSettings[] = {{"Default", DeliveryMode::Polled, 0.5},
 
 const DeliveryMode kModes[] = {DeliveryMode::Polled, DeliveryMode::WakeOnData,
                                DeliveryMode::Direct};
-
-template <typename Object>
-void apply(const Setting& setting, Object& object) {
-  object.setDeliveryMode(setting.mode);
-  object.setSendRate(setting.rateMs);
-  object.setRecvRate(setting.rateMs);
-}
-
-std::string repeated(const std::string& text, int times) {
-  std::string all;
-  while (times-- > 0) all += text;
-  return all;
-}
-
-struct Client : StateClient {
-  explicit Client(const Setting& setting) {
-    apply(setting, *client);
-    client->setHeartbeatMode(false);
-    client->registerMsgListener([this](const std::string& msg) { onMsg(msg); });
-  }
-  std::function<void(const std::string&)> onMsg = [](const auto&) {};
-};
-
-struct Server {
-  explicit Server(const Setting& setting) { apply(setting, *server); }
-  void open(const brix::ServerSafetyOptions& options = {}) {
-    server->setSafetyOptions(options);
-    server->registerConnectionListener([this](bool on) { links.add(on ? "on" : "off"); });
-    server->registerMsgListener([this](const std::string& msg) { msgs.add(msg), onMsg(msg); });
-    server->initialize(0);
-    ASSERT_TRUE(server->waitUntilListening(kDeadlineMs));
-    port = server->listeningPort();
-  }
-  void open(Client& client) {
-    open();
-    ASSERT_EQ(client.connect(port), 1);
-    ASSERT_TRUE(has(1));
-  }
-  /// Waits until that many clients are known.
-  bool has(std::size_t clients) const {
-    return eventually([&] { return links.count("on") == clients; });
-  }
-
-  Texts links, msgs;
-  std::function<void(const std::string&)> onMsg = [](const auto&) {};
-  std::unique_ptr<brix::BrixTcpServer> server = std::make_unique<brix::BrixTcpServer>();
-  int port = 0;
-};
 
 struct DeliveryModeTest : testing::TestWithParam<Setting> {
   LogCapture log;
@@ -99,11 +42,7 @@ TEST_P(DeliveryModeTest, TextsComeOnceInOrderAndOnTheThreadPromised) {
     server.server->sendMsg(msg);
   };
   Client clients[] = {Client(GetParam()), Client(GetParam())};
-  clients[0].onMsg = [&](const auto&) {
-    char name[16] = "";
-    pthread_getname_np(pthread_self(), name, sizeof name);
-    names.add(name);
-  };
+  clients[0].onMsg = [&](const auto&) { names.add(threadName()); };
   server.open(clients[0]);
   ASSERT_EQ(clients[1].connect(server.port), 1);
   ASSERT_TRUE(server.has(2));
@@ -280,64 +219,24 @@ TEST(DeliveryRate, ZeroTellsOfABacklogOnceASecond) {
   EXPECT_LE(log.errors("[recv] delay detected, delay"), 1 + elapsedMs(start) / 1000);
 }
 
-constexpr int kLargeTexts = 300;  // more than any socket takes
-
-std::string large(int i) {
-  return std::to_string(1000 + i) + std::string(100000, '.');
-}
-
-void expectLarge(const RawSocket& socket, int i) {
-  ASSERT_EQ(socket.read(large(i).size() + 2), large(i) + "\r\n");
-}
-
-// A client that does not read holds nobody up; what it did not take waits whole and in order.
-TEST(DirectDelivery, OutlastsAClientThatDoesNotRead) {
+TEST(DeliveryMode, IsFixedAtTheStartAndForAConnection) {
+  const LogCapture log;
+  Texts names;
   Server server(kDirect);
-  server.open();
-  const RawSocket slow = RawSocket::connectTo(server.port);
-  const RawSocket quick = RawSocket::connectTo(server.port);
-  ASSERT_TRUE(server.has(2));
-  for (int i = 0; i < kLargeTexts; ++i) server.server->sendMsg(large(i)), expectLarge(quick, i);
-  for (int i = 0; i < kLargeTexts; ++i) expectLarge(slow, i);
-}
-
-TEST(DirectDelivery, KeepsTheSafetyOptionsWithAClientThatDoesNotRead) {
-  LogCapture log;
-  brix::ServerSafetyOptions options;
-  options.maxQueuedBytes = 1000000;
-  Server server(kDirect), strict(kDirect);
-  server.open(options);
-  options.peerTimeoutMs = 300;
-  strict.open(options);
-  const RawSocket slow = RawSocket::connectTo(server.port);
-  const RawSocket silent = RawSocket::connectTo(strict.port);
-  ASSERT_TRUE(server.has(1) && strict.has(1));
-  for (int i = 0; i < kLargeTexts; ++i) {
-    for (Server* each : {&server, &strict}) each->server->sendMsg(large(i));
-  }
-  EXPECT_GE(log.errors("oldest texts dropped"), 1U);
-  int texts = 0;
-  for (int last = -1; last < kLargeTexts - 1; ++texts) {
-    const std::string text = slow.read(large(0).size() + 2);
-    const int i = text.empty() ? kLargeTexts : std::stoi(text) - 1000;
-    ASSERT_GT(i, last);
-    ASSERT_EQ(text, large(i) + "\r\n");
-    last = i;
-  }
-  EXPECT_LT(texts, kLargeTexts);
-  EXPECT_TRUE(strict.links.gets("off"));
-}
-
-TEST(DirectDelivery, OfAClientFinishesWhatItsServerDidNotTakeAtOnce) {
-  const RawListener listener;
   Client client(kDirect);
-  ASSERT_EQ(client.connect(listener.port()), 1);
-  const RawSocket peer = listener.accept();
-  for (int i = 0; i < kLargeTexts; ++i) client.send(large(i));
-  for (int i = 0; i < kLargeTexts; ++i) expectLarge(peer, i);
-  client.send("end");
-  client.client->sendMsg("raw", 3);
-  EXPECT_EQ(peer.read(8), "end\r\nraw");
+  client.onMsg = [&](const auto&) { names.add(threadName()); };
+  server.open(client);
+  server.server->setDeliveryMode(DeliveryMode::Polled);
+  client.client->setDeliveryMode(DeliveryMode::Polled);
+  EXPECT_EQ(log.errors("tcp server runs already, delivery mode not set"), 1U);
+  server.server->sendMsg("text");
+  EXPECT_TRUE(names.gets("com_client"));
+  client.disconnect();
+  ASSERT_EQ(client.connect(server.port), 1);
+  ASSERT_TRUE(server.has(2));
+  server.server->sendMsg("text");
+  EXPECT_TRUE(eventually([&] { return names.all().size() == 2; }));
+  EXPECT_EQ(names.count("com_client"), 1U);
 }
 
 }  // namespace

@@ -44,6 +44,15 @@ struct TcpClientTest : testing::Test {
   char bytes[16] = {};
 };
 
+TEST_F(TcpClientTest, ASignalIsNoEndOfALongWait) {
+  const RawSocket peer = connected();
+  std::string chunk = "old";
+  interruptEach(1000);
+  EXPECT_TRUE(client.recieveMsgWithin(300, chunk));
+  interruptEach(0);
+  EXPECT_EQ(chunk, "");
+}
+
 TEST_F(TcpClientTest, LogsTheStepsOfAConnect) {
   enum { Connects, NoDescriptor, Refused };
   const std::string common[] = {
