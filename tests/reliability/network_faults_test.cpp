@@ -79,7 +79,7 @@ struct Watched : Client {
     ++count;
   }
   double silentMs() const { return elapsedMs(Clock::time_point(Clock::duration(last))); }
-  bool connectTo(const std::string& ip) {
+  bool reach(const std::string& ip) {
     last = Clock::now().time_since_epoch().count();
     return Client::connectTo(ip, kPeerPort) == 1;
   }
@@ -127,7 +127,7 @@ class Play {
 
  private:
   void begin(Watched<Client>& client) {
-    EXPECT_TRUE(eventually([&] { return client.connectTo(peer_.ip()); }));
+    EXPECT_TRUE(eventually([&] { return client.reach(peer_.ip()); }));
     const bool hears = scenario_.habit.sendsBytes > 0;
     EXPECT_TRUE(!hears || eventually([&] { return client.count > 0; }));
     for (int i = 0; scenario_.flood && i < kFloodTexts; ++i)
@@ -144,7 +144,7 @@ class Play {
 
   void comeBack(Watched<Client>& client) {
     scenario_.mend(peer_);
-    EXPECT_TRUE(eventually([&] { return client.connectTo(peer_.ip()); }));
+    EXPECT_TRUE(eventually([&] { return client.reach(peer_.ip()); }));
     const int before = client.count;
     EXPECT_TRUE(eventually([&] { return client.count > before; }));
   }
@@ -159,10 +159,10 @@ class Play {
   void failToConnect() {
     scenario_.fault(peer_);
     Watched<Client> client;
-    const double ms = timedMs([&] { EXPECT_FALSE(client.connectTo(peer_.ip())); });
+    const double ms = timedMs([&] { EXPECT_FALSE(client.reach(peer_.ip())); });
     EXPECT_LE(ms, 1000 + kStallMs);
     scenario_.mend(peer_);
-    EXPECT_TRUE(eventually([&] { return client.connectTo(peer_.ip()); }));
+    EXPECT_TRUE(eventually([&] { return client.reach(peer_.ip()); }));
     stop(client);
   }
 
