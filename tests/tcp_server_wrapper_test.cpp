@@ -171,7 +171,7 @@ TEST_F(TcpServerWrapperTest, ABroadcastFunctionHoldsUpNoOtherServer) {
 }
 
 TEST_F(TcpServerWrapperTest, ADestructorInTheBroadcastFunctionEndsTheWaitForIt) {
-  std::promise<void> destroyed;
+  std::promise<void> called, destroyed;
   add("again", [&](const Json::Value&) {
     server->registerBroadcastFunc([] { return Json::Value(); }, 1);
     return Json::Value();
@@ -179,6 +179,7 @@ TEST_F(TcpServerWrapperTest, ADestructorInTheBroadcastFunctionEndsTheWaitForIt) 
   server->registerBroadcastFunc(
       [&, first = true]() mutable {
         if (!std::exchange(first, false)) return Json::Value();
+        called.set_value();
         EXPECT_TRUE(eventually([&] { return log.infos("register tcp broadcast callback") == 2; }));
         server.reset();
         destroyed.set_value();
@@ -186,6 +187,7 @@ TEST_F(TcpServerWrapperTest, ADestructorInTheBroadcastFunctionEndsTheWaitForIt) 
       },
       1);
   const RawSocket client = connected(start());
+  ASSERT_TRUE(test::ready(called));  // or the next function would take its place
   client.send("{\"command\":\"again\"}\r\n");
   EXPECT_TRUE(test::ready(destroyed));
 }

@@ -167,27 +167,37 @@ class Runner {
 
   /// One bad peer, and the good one or the good message after it.
   void attempt(const std::vector<string>& chunks, bool leaves) {
-    for (const string& chunk : chunks) exchange(chunk);
+    std::vector<string> due;
+    for (const string& chunk : chunks) {
+      due.push_back(outcomes(chunk));
+      if (receiver_.client) beat(receiver_.outcome(kBeat) + "\r\n");  // the model may take long
+    }
+    for (std::size_t i = 0; i < chunks.size(); ++i) {
+      send(chunks[i], due[i]);
+      awaitRead();
+    }
     if (leaves) leave();
     if (!model_.whole()) {  // ended by somebody, or the good message would be a part of it
       if (!peer_) join();
-      exchange("\r\n\r\n");
+      const string end = "\r\n\r\n";
+      send(end, outcomes(end));
+      awaitRead();
       if (leaves) leave();
     }
     const auto start = Clock::now();
     if (!peer_) join();
-    send(kBeat + "\r\n");
+    beat(outcomes(kBeat + "\r\n"));
     served.add(elapsedMs(start));
   }
-  void exchange(const string& chunk) {
-    send(chunk);
-    awaitRead();
-  }
 
-  /// Sends a chunk and awaits what it brings about.
-  void send(const string& chunk) {
-    string due;
-    for (const string& msg : model_.take(chunk)) due += receiver_.outcome(msg) + "\r\n";
+  /// @return what a chunk has to bring about
+  string outcomes(const string& chunk) {
+    string all;
+    for (const string& msg : model_.take(chunk)) all += receiver_.outcome(msg) + "\r\n";
+    return all;
+  }
+  void beat(const string& due) { send(kBeat + "\r\n", due); }
+  void send(const string& chunk, const string& due) {
     peer_->send(chunk);
     ASSERT_EQ(answers().read(due.size()), due);
   }
@@ -237,7 +247,7 @@ struct Worst {
     }
     const Timings& served = runner.served;
     EXPECT_LT(served.median(), kServedMs) << receiver.name;
-    EXPECT_LT(served.worst(), 10 * kServedMs) << receiver.name;
+    EXPECT_LT(served.worst(), kStallMs) << receiver.name;
     ms = std::max(ms, served.worst());
     attempts += served.count();
     std::printf("%s: %zu inputs, next one served within %.1f ms, half of them within %.1f ms\n",

@@ -27,7 +27,7 @@ using std::string;
 
 constexpr int kStatus = 7;
 constexpr int kClock = 3;  // descriptor by which a process tells when it began to end
-constexpr double kEndMs = 2000;
+constexpr double kEndMs = kSanitized ? 10000 : 2000;
 constexpr std::size_t kLongBytes = 2 << 20;
 // Threads read these to the very end: none of them is destroyed.
 constexpr std::string_view kAsk = "{\"command\":\"ask\"}\r\n",
@@ -255,12 +255,11 @@ std::vector<Case> cases() {
 
 TEST(ProcessEnd, HasTheStatusAskedForSoon) {
   const std::vector<Case> all = cases();
-  const int rounds = volume(50, 10);
+  const int rounds = std::max(volume(50, 10), 3);
   const std::size_t runs = all.size() * static_cast<std::size_t>(rounds);
   std::atomic<std::size_t> next{0};
   std::mutex lock;
-  double worstMs = 0;
-  string worst;
+  std::vector<Timings> ends(all.size());
   std::vector<std::thread> runners;
   for (int i = 0; i < 4; ++i) {
     runners.emplace_back([&] {
@@ -270,14 +269,19 @@ TEST(ProcessEnd, HasTheStatusAskedForSoon) {
         std::lock_guard<std::mutex> guard(lock);
         EXPECT_EQ(end.status, kStatus) << one.name() << end.output;
         EXPECT_GE(end.tookMs, 0) << one.name();
-        EXPECT_LT(end.tookMs, kEndMs + kStopBoundMs) << one.name();
-        if (end.tookMs > worstMs) worstMs = end.tookMs, worst = one.name();
+        ends[run % all.size()].add(end.tookMs);
       }
     });
   }
   for (std::thread& runner : runners) runner.join();
-  figure("R11", "%zu ends of a process in %zu ways, worst %.0f ms (bound %.0f): %s", runs,
-         all.size(), worstMs, kEndMs, worst.c_str());
+  double worstMs = 0;
+  string worst;
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    EXPECT_LT(ends[i].median(), kEndMs) << all[i].name();
+    if (ends[i].worst() > worstMs) worstMs = ends[i].worst(), worst = all[i].name();
+  }
+  figure("R11", "%zu ends of a process in %zu ways, worst %.0f ms (bound of the median %.0f): %s",
+         runs, all.size(), worstMs, kEndMs, worst.c_str());
 }
 
 }  // namespace

@@ -166,7 +166,7 @@ TEST(Stops, AreShortInEverySituation) {
         addStops(times, of, name, situation, cell);
       } while (cell.median() >= kStopMs && cell.count() < 4 * static_cast<std::size_t>(times));
       EXPECT_LT(cell.median(), kStopMs) << of.name << ", " << name;
-      EXPECT_LT(cell.worst(), 3 * kStopBoundMs) << of.name << ", " << name;
+      EXPECT_LT(cell.worst(), kStallMs) << of.name << ", " << name;
       worstMedianMs = std::max(worstMedianMs, cell.median());
       if (cell.worst() > worstMs) worstMs = cell.worst(), worst = name;
     }
