@@ -2,8 +2,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <cstdint>
 
 #include "stop_signal.h"
 
@@ -11,6 +10,9 @@ namespace brix {
 
 /// Lets the thread that works off a queue sleep until there is something to do. No wake-up is lost,
 /// so nothing has to be tested again after a while.
+///
+/// On a futex, because a condition variable costs one system call more for each hand-over: whoever
+/// it wakes takes the mutex as if others were waiting for it.
 class WakeSignal {
  public:
   /// @param stop  ends every wait; its wake() counts as one of this. Must live as long.
@@ -22,7 +24,7 @@ class WakeSignal {
 
   /// To be called after a change that a `ready` depends on. Cheap while nobody waits.
   void wake() noexcept {
-    if (armed_.exchange(false)) notify();
+    if (armed_.exchange(kIdle) == kArmed) notify();
   }
 
   /// Waits until ready() or a stop.
@@ -40,18 +42,18 @@ class WakeSignal {
  private:
   friend class StopSignal;
 
+  static constexpr std::uint32_t kIdle = 0;
+  static constexpr std::uint32_t kArmed = 1;  // somebody waits, or is about to
+
   void notify() noexcept;
-  bool sleepUntil(std::chrono::steady_clock::time_point deadline,
-                  std::unique_lock<std::mutex>& lock);
+  bool sleepUntil(std::chrono::steady_clock::time_point deadline) noexcept;
 
   template <typename Ready>
   void waitUntil(std::chrono::steady_clock::time_point deadline, Ready& ready);
 
   StopSignal& stop_;
-  WakeSignal* const next_;          // of the same stop signal
-  std::atomic<bool> armed_{false};  // somebody waits, or is about to
-  std::mutex mutex_;                // innermost but for what `ready` takes
-  std::condition_variable condition_;
+  WakeSignal* const next_;  // of the same stop signal
+  std::atomic<std::uint32_t> armed_{kIdle};
 };
 
 // Whoever changes something does so before it tests armed_, and whoever waits sets armed_ before it
@@ -60,11 +62,10 @@ class WakeSignal {
 template <typename Ready>
 void WakeSignal::waitUntil(std::chrono::steady_clock::time_point deadline, Ready& ready) {
   if (stop_.requested() || ready()) return;
-  std::unique_lock<std::mutex> lock(mutex_);
   for (bool inTime = true;;) {
-    armed_.exchange(true);
+    armed_.exchange(kArmed);
     if (stop_.requested() || ready() || !inTime) return;
-    inTime = sleepUntil(deadline, lock);
+    inTime = sleepUntil(deadline);
   }
 }
 
