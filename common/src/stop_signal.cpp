@@ -13,9 +13,6 @@ namespace {
 // wait on a condition, and the polling loops pause thousands of times a second.
 constexpr long kPlainPauseUs = 10000;
 
-// A year: beyond every sensible rate, and far from overflow in the clock's arithmetic.
-constexpr double kLongestPauseMs = 365.0 * 24 * 3600 * 1000;
-
 double limited(double ms, double longestMs) noexcept {
   if (!(ms > 0)) return 0;  // negative or not a number
   return ms < longestMs ? ms : longestMs;

@@ -7,9 +7,11 @@
 
 namespace brix {
 
-/// Longest time that a wait on a condition goes without testing its predicate again. Flags are set
-/// without the mutex of the wait, so a wake-up may be lost; this bounds what that costs.
+/// Longest time that a wait goes without testing again what nobody wakes it for.
 inline constexpr int kRetestMs = 50;
+
+/// A year: beyond every sensible rate, and far from overflow in the clock's arithmetic.
+inline constexpr double kLongestPauseMs = 365.0 * 24 * 3600 * 1000;
 
 /// Milliseconds as whole microseconds, truncated; a negative value and one that is no number count
 /// as 0, a huge one as the largest pause.
