@@ -55,8 +55,10 @@ messages to a listener; "2 MiB of one-byte messages" are 699,050 of them. `TcpCl
 one message a millisecond, so only a large one is given to it.""",
     "W5": """## W5: idle
 
-One side only: what it is connected to is a plain socket that says nothing. Threads and memory are
-what the objects add. Wake-ups are voluntary context switches; system calls are counted by strace,
+One side only: what it is connected to is a plain socket that says nothing. Heartbeats are off: they
+add a text each 2.5 s, and a wake-up for each warning of silence. The read of a client at default
+rates is in slices of 50 ms, 20 a second beside its periods. Threads and memory are what the objects
+add. Wake-ups are voluntary context switches; system calls are counted by strace,
 which slows what it counts.""",
     "W6": """## W6: pacing
 
