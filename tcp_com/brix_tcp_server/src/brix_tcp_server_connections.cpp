@@ -77,6 +77,7 @@ int BrixTcpServer::State::connectionCount() const {
 
 void BrixTcpServer::State::insertHandler(int id, const std::shared_ptr<TcpServerHandler>& handler) {
   std::lock_guard<std::mutex> lock(connectionLock);
+  quitIds.reserve(connections.size() + 1);  // no client's end is lost for want of memory
   {
     std::lock_guard<std::mutex> mapGuard(mapLock);
     connections[id] = handler;
