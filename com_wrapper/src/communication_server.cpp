@@ -125,9 +125,9 @@ void CommunicationServer::terminate() {
   state->terminate();
 }
 
-// Stop sequence: 1. quit signal, which ends the broadcast thread's waits; 2. stop the transport. The
-// broadcast thread itself holds the state lock, for which the transport's threads may be waiting:
-// it does 2 when its function has returned.
+// Stop sequence: 1. quit signal, which ends the broadcast thread's waits; 2. stop the transport.
+// The broadcast thread itself holds the state lock, for which the transport's threads may be
+// waiting: it does 2 when its function has returned.
 void CommunicationServer::State::terminate() {
   connected = false;
   broadcastThread.requestStop();
