@@ -1,0 +1,57 @@
+// The command line: what all subcommands share, and each one's part.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <string>
+
+#include "run.h"
+
+namespace tcpcom {
+
+/// What the user asked for.
+class CommandLine {
+ public:
+  using Body = std::function<Status(const Run&)>;
+
+  CommandLine();
+
+  CLI::App& app() { return app_; }
+  const Settings& settings() const { return settings_; }
+  const Body& body() const { return body_; }
+
+  /// Adds a subcommand.
+  /// @param examples  one a line
+  CLI::App& addCommand(const std::string& name, const std::string& description,
+                       const std::string& examples, Body body);
+
+ private:
+  void addCommonOptions(CLI::App& app);
+
+  CLI::App app_;
+  Settings settings_;
+  Body body_;
+};
+
+/// @name Options that several subcommands have
+/// @{
+CLI::Option* addPeer(CLI::App& app, std::string& peer);
+CLI::Option* addListening(CLI::App& app, std::string& address);
+CLI::Option* addSeconds(CLI::App& app, const std::string& name, double& seconds,
+                        const std::string& description);
+CLI::Option* addCount(CLI::App& app, long& count, const std::string& description);
+/// @}
+
+/// Accepts finite numbers that are not negative.
+CLI::Validator notNegative();
+
+/// @name The subcommands
+/// @{
+void addPing(CommandLine& line);
+void addRequest(CommandLine& line);
+void addSend(CommandLine& line);
+void addWatch(CommandLine& line);
+void addServe(CommandLine& line);
+/// @}
+
+}  // namespace tcpcom

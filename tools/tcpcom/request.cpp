@@ -1,0 +1,105 @@
+// tcpcom request: one command and its reply.
+
+#include <memory>
+
+#include "command_envelope.h"
+#include "command_line.h"
+#include "exchange.h"
+#include "input.h"
+#include "json_text.h"
+#include "text_format.h"
+
+namespace tcpcom {
+namespace {
+
+namespace envelope = brix::envelope;
+
+struct RequestOptions {
+  std::string peer;
+  std::string command;
+  std::string members;
+};
+
+std::string membersText(const Run& run, const std::string& given) {
+  if (given == "-") return readStandardInput(run);
+  if (!given.empty() && given.front() == '@') return readFile(given.substr(1));
+  return given.empty() ? "{}" : given;
+}
+
+/// The user's text goes out as it was written: no number loses a digit.
+std::string requestText(const std::string& command, const std::string& members) {
+  std::string error;
+  const auto value = parseJson(members, &error);
+  if (!value) throw Failure(Status::Usage, "the request is not JSON: " + printable(error));
+  if (!value->isObject()) throw Failure(Status::Usage, "the request is no JSON object");
+  if (value->isMember(envelope::kCommandKey)) {
+    throw Failure(Status::Usage, "the request must not hold \"command\", which is given before it");
+  }
+  const std::string object = oneLine(members, *value);
+  const std::string rest = object.substr(object.find('{') + 1);
+  return std::string("{\"") + envelope::kCommandKey + "\":" + compactJson(Json::Value(command)) +
+         (value->empty() ? "" : ",") + rest;
+}
+
+void show(const Output& out, const Reply& reply) {
+  if (out.raw()) return out.line(reply.text);
+  if (!out.json()) return out.line(printable(oneLine(reply.text, reply.value)));
+  out.line(JsonLine().number("ms", reply.ms).message(reply.text).str());
+}
+
+/// A reply without "code", as from a peer that has no envelope, is an answer like any other.
+Status statusOf(const Reply& reply) {
+  const Json::Value& code = reply.value[envelope::kCodeKey];
+  const bool handled = code.isNull() || (code.isInt() && code.asInt() == envelope::kCodeHandled);
+  return handled ? Status::Done : Status::OtherCode;
+}
+
+Status request(const Run& run, const RequestOptions& options) {
+  const Address peer = parsePeer(options.peer);
+  const std::string text = requestText(options.command, membersText(run, options.members));
+  Session session(run, peer);
+  Reply reply;
+  std::optional<Reply> rejection;
+  const Wake wake = Exchange(session).ask(options.command, text, after(run.settings.replyTimeoutS),
+                                          reply, &rejection);
+  if (wake != Wake::Ready) {
+    // It names nobody, so it counts only when no reply with our name came.
+    if (!rejection || (wake != Wake::TimedOut && wake != Wake::RunOver)) {
+      failAwaiting(wake, session.name() + " did not answer \"" + options.command + "\" in time");
+    }
+    reply = std::move(*rejection);
+  }
+  show(run.out, reply);
+  run.out.detail("answered after " + fixed(reply.ms, 3) + " ms");
+  const Status status = statusOf(reply);
+  if (status != Status::Done) {
+    throw Failure(status, "the server answered with code " +
+                              plainText(reply.value[envelope::kCodeKey]) + ": " +
+                              printable(plainText(reply.value[envelope::kMsgKey])));
+  }
+  return status;
+}
+
+}  // namespace
+
+void addRequest(CommandLine& line) {
+  auto options = std::make_shared<RequestOptions>();
+  CLI::App& command = line.addCommand(
+      "request",
+      "Sends {\"command\":CMD, ...} and prints the reply with that \"command\".\n"
+      "The exit status tells its \"code\": 0 for 1 or none, 6 for any other.\n"
+      "A rejection as \"unknow\", which names no command, counts if nothing else comes in time.",
+      "  tcpcom request 127.0.0.1:8056 get_state\n"
+      "  tcpcom request 127.0.0.1:8056 move_joints '{\"joints_deg\":[0,0,0,0,0,0]}'\n"
+      "  echo '{\"id\":7}' | tcpcom request 127.0.0.1:8056 stop - --raw\n",
+      [options](const Run& run) { return request(run, *options); });
+  addPeer(command, options->peer);
+  command.add_option("CMD", options->command, "the command's name")->required()->type_name("");
+  command
+      .add_option("JSON", options->members,
+                  "an object with the request's other members; @FILE reads it from a file, - from "
+                  "standard input")
+      ->type_name("");
+}
+
+}  // namespace tcpcom
