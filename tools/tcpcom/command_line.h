@@ -51,7 +51,11 @@ void addPing(CommandLine& line);
 void addRequest(CommandLine& line);
 void addSend(CommandLine& line);
 void addWatch(CommandLine& line);
+void addRecord(CommandLine& line);
+void addReplay(CommandLine& line);
 void addServe(CommandLine& line);
+void addBench(CommandLine& line);
+void addDoctor(CommandLine& line);
 /// @}
 
 }  // namespace tcpcom

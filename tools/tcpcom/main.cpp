@@ -51,7 +51,8 @@ int explain(CommandLine& line, const CLI::ParseError& error, bool json) {
 int main(int argc, char** argv) {
   holdStandardStreams();
   CommandLine line;
-  for (const auto add : {addPing, addRequest, addSend, addWatch, addServe}) {
+  for (const auto add : {addPing, addRequest, addSend, addWatch, addRecord, addReplay, addServe,
+                         addBench, addDoctor}) {
     add(line);
   }
   try {
