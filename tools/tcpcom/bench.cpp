@@ -137,12 +137,12 @@ class Bench {
 void addBench(CommandLine& line) {
   auto options = std::make_shared<BenchOptions>();
   CLI::App& command = line.addCommand(
-      "bench",
-      "Measures the latency of requests, one after the other, and how evenly broadcasts come.\n"
-      "Each message that is no reply counts as a broadcast; the jitter is the standard deviation.",
-      "  tcpcom bench 192.168.10.2:8055\n"
-      "  tcpcom bench 127.0.0.1:8056 get_state -C 5000 --svg latency.svg\n"
-      "  tcpcom bench 127.0.0.1:8055 -C 0 -W 30 --json\n",
+      {"bench", "Measures the latency of requests, and how evenly broadcasts come.",
+       "One request follows the other. Each message that is no reply counts as a broadcast; the\n"
+       "jitter is the standard deviation.\n",
+       "  tcpcom bench 192.168.10.2:8055\n"
+       "  tcpcom bench 127.0.0.1:8056 get_state -C 5000 --svg latency.svg\n"
+       "  tcpcom bench 127.0.0.1:8055 -C 0 -W 30 --json\n"},
       [options](const Run& run) { return Bench(run, *options).run(); });
   addPeer(command, options->peer);
   command.add_option("CMD", options->command, "the command to ask, default heartbeat")

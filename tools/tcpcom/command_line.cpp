@@ -1,12 +1,16 @@
 #include "command_line.h"
 
 #include <cmath>
+#include <memory>
+#include <sstream>
 #include <utility>
 
 namespace tcpcom {
 namespace {
 
 constexpr char kCommon[] = "Common options";
+constexpr std::size_t kNameColumns = 30, kTextColumns = 66;
+constexpr long kMostCounted = 1000000000;
 
 std::string statusTable() {
   std::string table = "Exit status:\n";
@@ -18,7 +22,46 @@ std::string statusTable() {
   return table;
 }
 
+/// Options as "--name VALUE", without the limits that their errors tell, in lines that fit.
+class Formatter : public CLI::Formatter {
+ public:
+  Formatter() { column_width(kNameColumns); }
+
+  std::string make_option_opts(const CLI::Option* option) const override {
+    const std::string type = option->get_type_name();
+    return type.empty() ? type : " " + type;
+  }
+
+  std::string make_option_desc(const CLI::Option* option) const override {
+    std::istringstream words(option->get_description());
+    std::string text;
+    std::size_t column = 0;
+    for (std::string word; words >> word; column += word.size() + 1) {
+      if (column + word.size() > kTextColumns) {
+        text += '\n';
+        column = 0;
+      } else if (!text.empty()) {
+        text += ' ';
+      }
+      text += word;
+    }
+    return text;
+  }
+};
+
 }  // namespace
+
+CLI::Validator wholeNumber(long least, long most) {
+  return CLI::Validator(
+      [least, most](std::string& text) {
+        long value = 0;
+        const bool good = CLI::detail::lexical_cast(text, value) && value >= least && value <= most;
+        return good ? std::string()
+                    : "\"" + text + "\" is no whole number from " + std::to_string(least) + " to " +
+                          std::to_string(most);
+      },
+      "");
+}
 
 CLI::Validator notNegative() {
   return CLI::Validator(
@@ -36,7 +79,7 @@ CommandLine::CommandLine()
            "tcpcom") {
   app_.require_subcommand(1);
   app_.set_version_flag("--version", "tcpcom " TCPCOM_VERSION);
-  app_.get_formatter()->column_width(32);
+  app_.formatter(std::make_shared<Formatter>());  // the subcommands inherit it
   app_.footer(statusTable());
   addCommonOptions(app_);
 }
@@ -63,15 +106,15 @@ void CommandLine::addCommonOptions(CLI::App& app) {
   app.add_option("--retry", settings_.retries,
                  "connects up to COUNT more times, half a second apart")
       ->type_name("COUNT")
-      ->check(CLI::Range(0, 1000000000))
+      ->check(wholeNumber(0, kMostCounted))
       ->group(kCommon);
 }
 
-CLI::App& CommandLine::addCommand(const std::string& name, const std::string& description,
-                                  const std::string& examples, Body body) {
-  CLI::App& command = *app_.add_subcommand(name, description);
-  command.get_formatter()->column_width(32);
-  command.footer("Examples:\n" + examples + "\n" + statusTable());
+CLI::App& CommandLine::addCommand(const Words& words, Body body) {
+  commands_.push_back(words);
+  CLI::App& command = *app_.add_subcommand(words.name, words.summary);
+  command.footer((words.details.empty() ? "" : words.details + '\n') + "Examples:\n" +
+                 words.examples + '\n' + statusTable());
   command.callback([this, body = std::move(body)] { body_ = body; });
   addCommonOptions(command);
   return command;
@@ -97,7 +140,7 @@ CLI::Option* addSeconds(CLI::App& app, const std::string& name, double& seconds,
 CLI::Option* addCount(CLI::App& app, long& count, const std::string& description) {
   return app.add_option("-C,--count", count, description)
       ->type_name("COUNT")
-      ->check(CLI::Range(0L, 1000000000L));
+      ->check(wholeNumber(0, kMostCounted));
 }
 
 }  // namespace tcpcom

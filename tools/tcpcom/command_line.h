@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "run.h"
 
@@ -20,10 +21,16 @@ class CommandLine {
   const Settings& settings() const { return settings_; }
   const Body& body() const { return body_; }
 
-  /// Adds a subcommand.
-  /// @param examples  one a line
-  CLI::App& addCommand(const std::string& name, const std::string& description,
-                       const std::string& examples, Body body);
+  /// What the help says of a subcommand.
+  struct Words {
+    const char* name;
+    const char* summary;   ///< one line
+    std::string details;   ///< lines, or empty
+    const char* examples;  ///< lines, indented by two
+  };
+
+  CLI::App& addCommand(const Words& words, Body body);
+  const std::vector<Words>& commands() const { return commands_; }
 
  private:
   void addCommonOptions(CLI::App& app);
@@ -31,6 +38,7 @@ class CommandLine {
   CLI::App app_;
   Settings settings_;
   Body body_;
+  std::vector<Words> commands_;
 };
 
 /// @name Options that several subcommands have
@@ -44,6 +52,9 @@ CLI::Option* addCount(CLI::App& app, long& count, const std::string& description
 
 /// Accepts finite numbers that are not negative.
 CLI::Validator notNegative();
+
+/// Accepts whole numbers within these limits.
+CLI::Validator wholeNumber(long least, long most);
 
 /// @name The subcommands
 /// @{

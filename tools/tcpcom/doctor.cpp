@@ -150,16 +150,17 @@ Status doctor(const Run& run, int port) {
 void addDoctor(CommandLine& line) {
   auto port = std::make_shared<int>(0);
   CLI::App& command = line.addCommand(
-      "doctor",
-      "Tells which process holds a port, and what this machine allows a controller: descriptors,\n"
-      "threads, timer slack, scheduling rights, locked memory; and what to change.\n"
-      "It tells of the shell that it is run from: a service has limits of its own.",
-      "  tcpcom doctor 8055\n"
-      "  sudo tcpcom doctor 8055 --json\n",
+      {"doctor", "Tells who holds a port, what this machine allows, and what to change.",
+       "Which process holds the port; limits of descriptors, threads and locked memory; timer "
+       "slack;\n"
+       "scheduling rights. It tells of the shell that it is run from: a service has limits of its\n"
+       "own.\n",
+       "  tcpcom doctor 8055\n"
+       "  sudo tcpcom doctor 8055 --json\n"},
       [port](const Run& run) { return doctor(run, *port); });
   command.add_option("PORT", *port, "a port of this machine")
       ->type_name("")
-      ->check(CLI::Range(1, 65535));
+      ->check(wholeNumber(1, 65535));
 }
 
 }  // namespace tcpcom

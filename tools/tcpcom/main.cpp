@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "command_line.h"
+#include "manual.h"
 
 namespace tcpcom {
 namespace {
@@ -55,6 +56,7 @@ int main(int argc, char** argv) {
                          addBench, addDoctor}) {
     add(line);
   }
+  addManualOptions(line);
   try {
     line.app().parse(argc, argv);
   } catch (const CLI::ParseError& error) {

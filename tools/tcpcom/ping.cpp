@@ -115,9 +115,9 @@ class Ping {
 void addPing(CommandLine& line) {
   auto options = std::make_shared<PingOptions>();
   CLI::App& command =
-      line.addCommand("ping", "Connects, and measures heartbeats as round trips.",
-                      "  tcpcom ping 192.168.10.2:8055\n"
-                      "  tcpcom ping 127.0.0.1:8056 -C 100 -i 0.01 --json\n",
+      line.addCommand({"ping", "Connects, and measures heartbeats as round trips.", "",
+                       "  tcpcom ping 192.168.10.2:8055\n"
+                       "  tcpcom ping 127.0.0.1:8056 -C 100 -i 0.01 --json\n"},
                       [options](const Run& run) { return Ping(run, *options).run(); });
   addPeer(command, options->peer);
   addCount(command, options->count, "heartbeats to send, default: until interrupted");

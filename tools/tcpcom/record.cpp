@@ -78,11 +78,11 @@ Status record(const Run& run, const RecordOptions& options) {
 void addRecord(CommandLine& line) {
   auto options = std::make_shared<RecordOptions>();
   CLI::App& command = line.addCommand(
-      "record",
-      "Writes what arrives, with its timing, to a file of JSON lines, which replay plays back.\n"
-      "An existing file is replaced. With -W its end is no failure if any message came.",
-      "  tcpcom record 192.168.10.2:8055 session.jsonl -W 60\n"
-      "  tcpcom record 127.0.0.1:8055 - -C 100 | gzip > session.jsonl.gz\n",
+      {"record", "Writes what arrives, with its timing, to a file, which replay plays back.",
+       "The file holds a JSON object a line. An existing one is replaced. With -W its end is no\n"
+       "failure if any message came.\n",
+       "  tcpcom record 192.168.10.2:8055 session.jsonl -W 60\n"
+       "  tcpcom record 127.0.0.1:8055 - -C 100 | gzip > session.jsonl.gz\n"},
       [options](const Run& run) { return record(run, *options); });
   addPeer(command, options->peer);
   command.add_option("FILE", options->file, "where to; - is standard output")

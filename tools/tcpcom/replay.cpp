@@ -129,11 +129,12 @@ class Replay {
 void addReplay(CommandLine& line) {
   auto options = std::make_shared<ReplayOptions>();
   CLI::App& command = line.addCommand(
-      "replay",
-      "A server that plays a recording to each client from its beginning, then ends the link.\n"
-      "The port is told on standard error. What clients send is read and ignored.",
-      "  tcpcom replay 8055 session.jsonl\n"
-      "  tcpcom replay 0 session.jsonl --speed 10 -C 1\n",
+      {"replay", "A server that plays a recording to each client from its beginning.",
+       "At its end it ends the client's link. The port is told on standard error. What clients "
+       "send\n"
+       "is read and ignored.\n",
+       "  tcpcom replay 8055 session.jsonl\n"
+       "  tcpcom replay 0 session.jsonl --speed 10 -C 1\n"},
       [options](const Run& run) { return Replay(run, *options).run(); });
   addListening(command, options->address);
   command.add_option("FILE", options->file, "what record has written")->required()->type_name("");

@@ -64,13 +64,15 @@ Status request(const Run& run, const RequestOptions& options) {
 void addRequest(CommandLine& line) {
   auto options = std::make_shared<RequestOptions>();
   CLI::App& command = line.addCommand(
-      "request",
-      "Sends {\"command\":CMD, ...} and prints the reply with that \"command\".\n"
-      "The exit status tells its \"code\": 0 for 1 or none, 6 for any other.\n"
-      "A rejection as \"unknow\", which names no command, counts if nothing else comes in time.",
-      "  tcpcom request 127.0.0.1:8056 get_state\n"
-      "  tcpcom request 127.0.0.1:8056 move_joints '{\"joints_deg\":[0,0,0,0,0,0]}'\n"
-      "  echo '{\"id\":7}' | tcpcom request 127.0.0.1:8056 stop - --raw\n",
+      {"request", "Sends {\"command\":CMD, ...} and prints the reply with that \"command\".",
+       "The exit status tells the reply's \"code\": 0 for 1 or none, 6 for any other. Replies go "
+       "to\n"
+       "every client, so a rejection that names no command (\"unknow\") counts only if nothing "
+       "else\n"
+       "comes in time.\n",
+       "  tcpcom request 127.0.0.1:8056 get_state\n"
+       "  tcpcom request 127.0.0.1:8056 move_joints '{\"joints_deg\":[0,0,0,0,0,0]}'\n"
+       "  echo '{\"id\":7}' | tcpcom request 127.0.0.1:8056 stop - --raw\n"},
       [options](const Run& run) { return request(run, *options); });
   addPeer(command, options->peer);
   command.add_option("CMD", options->command, "the command's name")->required()->type_name("");

@@ -51,12 +51,12 @@ Status send(const Run& run, const SendOptions& options) {
 
 void addSend(CommandLine& line) {
   auto options = std::make_shared<SendOptions>();
-  CLI::App& command = line.addCommand("send",
-                                      "Sends a text, or each line of standard input, framed.\n"
-                                      "Ends when the peer's machine has acknowledged all of it.",
-                                      "  tcpcom send 127.0.0.1:8055 '{\"command\":\"stop\"}'\n"
-                                      "  tcpcom send 127.0.0.1:8055 - < commands.jsonl\n",
-                                      [options](const Run& run) { return send(run, *options); });
+  CLI::App& command =
+      line.addCommand({"send", "Sends a text, or each line of standard input, framed.",
+                       "Ends when the peer's machine has acknowledged all of it.\n",
+                       "  tcpcom send 127.0.0.1:8055 '{\"command\":\"stop\"}'\n"
+                       "  tcpcom send 127.0.0.1:8055 - < commands.jsonl\n"},
+                      [options](const Run& run) { return send(run, *options); });
   addPeer(command, options->peer);
   command.add_option("TEXT", options->text, "the text; - reads standard input")
       ->required()

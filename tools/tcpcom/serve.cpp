@@ -118,24 +118,25 @@ constexpr char kFaultHelp[] =
 
 void addServe(CommandLine& line) {
   auto options = std::make_shared<ServeOptions>();
-  CLI::App& command =
-      line.addCommand("serve",
-                      "A mock controller: answers by a script, broadcasts, and shows faults.\n"
-                      "Prints the requests as they come. The port is told on standard error.\n\n" +
-                          std::string(kScriptFormat) + "\n" + kFaultHelp,
-                      "  tcpcom serve 8056 arm.json\n"
-                      "  tcpcom serve 0.0.0.0:8055 arm.json --family state\n"
-                      "  tcpcom serve 0 --fault silent@10s --fault delay=200ms\n",
-                      [options](const Run& run) { return serve(run, *options); });
+  CLI::App& command = line.addCommand(
+      {"serve", "A mock controller: answers by a script, broadcasts, and shows faults.",
+       "Prints the requests as they come. The port is told on standard error.\n\n" +
+           std::string(kScriptFormat) + '\n' + kFaultHelp,
+       "  tcpcom serve 8056 arm.json\n"
+       "  tcpcom serve 0.0.0.0:8055 arm.json --family state\n"
+       "  tcpcom serve 0 --fault silent@10s --fault delay=200ms\n"},
+      [options](const Run& run) { return serve(run, *options); });
   addListening(command, options->address);
   command
       .add_option("SCRIPT", options->script,
                   "the script's file; without it only heartbeats are answered")
       ->type_name("");
-  command.add_option("--family", options->family, "state or command, default command")
-      ->type_name("FAMILY")
-      ->transform(CLI::CheckedTransformer(
-          std::map<std::string, Family>{{"state", Family::State}, {"command", Family::Command}}));
+  command.add_option("--family", options->family, "whose server answers, default command")
+      ->type_name("state|command")
+      ->transform(
+          CLI::CheckedTransformer(
+              std::map<std::string, Family>{{"state", Family::State}, {"command", Family::Command}})
+              .description(""));
   command.add_option("--fault", options->faults, "shows a fault; may be given again")
       ->type_name("FAULT")
       ->expected(1)

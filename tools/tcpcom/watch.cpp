@@ -107,12 +107,11 @@ class Watch {
 void addWatch(CommandLine& line) {
   auto options = std::make_shared<WatchOptions>();
   CLI::App& command =
-      line.addCommand("watch",
-                      "Prints what arrives: time, size, text.\n"
-                      "With -W its end is no failure if any message came.",
-                      "  tcpcom watch 192.168.10.2:8055 --filter command=state --raw -C 10\n"
-                      "  tcpcom watch 127.0.0.1:8055 --rate\n"
-                      "  tcpcom watch 127.0.0.1:8055 --plot joints_deg.0\n",
+      line.addCommand({"watch", "Prints what arrives: time, size, text.",
+                       "With -W its end is no failure if any message came.\n",
+                       "  tcpcom watch 192.168.10.2:8055 --filter command=state --raw -C 10\n"
+                       "  tcpcom watch 127.0.0.1:8055 --rate\n"
+                       "  tcpcom watch 127.0.0.1:8055 --plot joints_deg.0\n"},
                       [options](const Run& run) { return Watch(run, *options).run(); });
   addPeer(command, options->peer);
   command
