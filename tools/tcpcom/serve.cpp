@@ -85,11 +85,11 @@ Status serve(const Run& run, const ServeOptions& options) {
   const MockScript script = options.script.empty() ? MockScript() : loadScript(options.script);
   const Address address = parseListening(options.address);
   const LibraryLog log(run.out, run.settings.verbose);
-  const auto server = startMockServer(options.family, script);
   const bool slow = std::any_of(faults.begin(), faults.end(), [](const Fault& fault) {
     return fault.kind == FaultKind::SlowRead;
   });
   const Listener listener(run, address, slow ? kSlowReadBufferBytes : 0);
+  const auto server = startMockServer(options.family, script);
   Lister lister(run.out);
   Relay relay(listener, server->port(), faults, options.seed, [&](const std::string& text) {
     lister.show({text, Clock::now()});
