@@ -299,14 +299,15 @@ TEST(Tcpcom, EndsCleanlyWhenInterrupted) {
     const char* words;
     int port;
     const char* sign;  // that it is under way
+    const char* last;  // what it says at its end
   } rows[] = {
-      {"ping PEER -i 0.01", mock.port(), "seq=2"},
-      {"watch PEER", mock.port(), "count"},
-      {"record PEER - -v", mock.port(), "count"},
-      {"serve 0", 0, "listening"},
-      {"replay 0 FILE", 0, "listening"},
-      {"request PEER x -v --reply-timeout 60", silent.port(), "connected"},
-      {"bench PEER -v --reply-timeout 60", silent.port(), "connected"},
+      {"ping PEER -i 0.01", mock.port(), "seq=2", " answered, "},
+      {"watch PEER", mock.port(), "count", ""},
+      {"record PEER - -v", mock.port(), "count", "messages recorded"},
+      {"serve 0", 0, "listening", ""},
+      {"replay 0 FILE", 0, "listening", ""},
+      {"request PEER x -v --reply-timeout 60", silent.port(), "connected", ""},
+      {"bench PEER -v --reply-timeout 60", silent.port(), "connected", "request          0"},
   };
   for (const auto& row : rows) {
     for (const int signal : {SIGINT, SIGTERM}) {
@@ -315,6 +316,7 @@ TEST(Tcpcom, EndsCleanlyWhenInterrupted) {
       EXPECT_TRUE(run.says(row.sign)) << run.err();
       run.signal(signal);
       EXPECT_EQ(run.status(), 130);
+      EXPECT_TRUE(run.says(row.last)) << run.out();
     }
   }
 }

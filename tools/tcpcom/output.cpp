@@ -67,19 +67,14 @@ void Output::write(const std::string& bytes) const {
 }
 
 void Output::awaitRoom() const {
-  switch (waiter_.waitFor(STDOUT_FILENO, POLLOUT, kNever)) {
-    case Wake::Interrupted:
-      throw Failure(Status::Interrupted, "");
-    case Wake::OutputClosed:
-      throw Failure(Status::Done, "");
-    // The run's time bounds what is waited for, and not the telling of what has come.
-    case Wake::RunOver:
-      if (pollfd entry{STDOUT_FILENO, POLLOUT, 0}; poll(&entry, 1, 0) > 0) return;
-      throw Failure(Status::TimedOut, "standard output is not read");
-    case Wake::Ready:
-    case Wake::TimedOut:
-      return;
-  }
+  const Wake wake = waiter_.waitFor(STDOUT_FILENO, POLLOUT, kNever);
+  if (wake == Wake::Ready) return;
+  if (wake == Wake::OutputClosed) throw Failure(Status::Done, "");
+  // The run's end bounds what is waited for, and not the telling of what has come.
+  pollfd entry{STDOUT_FILENO, POLLOUT, 0};
+  if (poll(&entry, 1, 0) > 0) return;
+  if (wake == Wake::Interrupted) throw Failure(Status::Interrupted, "");
+  throw Failure(Status::TimedOut, "standard output is not read");
 }
 
 void Output::say(const std::string& text, const std::string& json) const {

@@ -14,6 +14,7 @@ namespace {
 
 constexpr double kRetryPauseS = 0.5;
 constexpr double kAcknowledgePollS = 0.002;
+constexpr std::size_t kLongestBytes = std::size_t{256} * 1024 * 1024;
 constexpr std::size_t kMostAtOnce = std::size_t{1024} * 1024;
 
 /// A connect to a port of this machine that nobody listens on can meet itself.
@@ -129,6 +130,9 @@ void Session::pump(short revents) {
   std::vector<std::string> texts;
   splitter_.feed(bytes.data(), bytes.size(), texts, brix::kDelimiter);
   for (std::string& text : texts) inbox_.push_back({std::move(text), now});
+  if (splitter_.buffer().size() > kLongestBytes) {
+    throw Failure(Status::Other, name_ + " sends a message that does not end");
+  }
 }
 
 void Session::checkLink() const {
