@@ -82,7 +82,7 @@ Wake resolve(const Waiter& waiter, const Address& address, TimePoint until,
              std::vector<SocketAddress>& found) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
-    throw Failure(Status::Other, std::string("pipe: ") + std::strerror(errno));
+    throw Failure(Status::Other, std::string("pipe: ") + errorText(errno));
   }
   const Descriptor over(ends[0]);
   auto lookUp = std::make_shared<LookUp>();

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 
@@ -19,7 +18,7 @@ bool readSome(int fd, std::string& bytes) {
   const ssize_t got = read(fd, chunk.data(), chunk.size());
   if (got > 0) bytes.append(chunk.data(), static_cast<std::size_t>(got));
   if (got < 0 && errno != EINTR && errno != EAGAIN) {
-    throw Failure(Status::Other, std::string("standard input: ") + std::strerror(errno));
+    throw Failure(Status::Other, std::string("standard input: ") + errorText(errno));
   }
   return got != 0;
 }

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 
 #include "status.h"
 
@@ -29,7 +28,7 @@ bool isPassing(int error) {
 Link::Link(Descriptor socket) : socket_(std::move(socket)) {
   const int flags = fcntl(fd(), F_GETFL);
   if (flags < 0 || fcntl(fd(), F_SETFL, flags | O_NONBLOCK) != 0) {
-    throw Failure(Status::Other, std::string("fcntl: ") + std::strerror(errno));
+    throw Failure(Status::Other, std::string("fcntl: ") + errorText(errno));
   }
   const int on = 1;  // without it the messages are slower, and no less correct
   setsockopt(fd(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -44,7 +43,7 @@ bool Link::read(std::string& bytes, std::size_t most) {
   while (most > 0) {
     const ssize_t got = recv(fd(), chunk.data(), std::min(most, chunk.size()), 0);
     if (got == 0) return ended("the peer has closed it");
-    if (got < 0) return isPassing(errno) || ended(std::strerror(errno));
+    if (got < 0) return isPassing(errno) || ended(errorText(errno));
     bytes.append(chunk.data(), static_cast<std::size_t>(got));
     most -= static_cast<std::size_t>(got);
   }
@@ -59,7 +58,7 @@ bool Link::send(const std::string& bytes) {
 bool Link::flush() {
   while (waiting() > 0) {
     const ssize_t sent = ::send(fd(), waiting_.data() + sent_, waiting(), MSG_NOSIGNAL);
-    if (sent < 0) return isPassing(errno) || ended(std::strerror(errno));
+    if (sent < 0) return isPassing(errno) || ended(errorText(errno));
     sent_ += static_cast<std::size_t>(sent);
   }
   waiting_.clear();
@@ -76,7 +75,7 @@ void Link::endSending() const {
   shutdown(fd(), SHUT_WR);
 }
 
-bool Link::ended(const char* reason) {
+bool Link::ended(const std::string& reason) {
   endReason_ = reason;
   return false;
 }

@@ -45,7 +45,7 @@ class Link {
   const std::string& endReason() const { return endReason_; }
 
  private:
-  bool ended(const char* reason);
+  bool ended(const std::string& reason);
 
   Descriptor socket_;
   std::string waiting_;

@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 
 #include <cerrno>
-#include <cstring>
 #include <vector>
 
 #include "json_text.h"
@@ -49,7 +48,7 @@ Descriptor Listener::open(const SocketAddress& address, int receiveBufferBytes) 
   }
   if (!socket || bind(socket.get(), address.raw(), address.size) != 0 ||
       listen(socket.get(), kBacklog) != 0) {
-    throw Failure(Status::CannotListen, "cannot listen on " + name_ + ": " + std::strerror(errno));
+    throw Failure(Status::CannotListen, "cannot listen on " + name_ + ": " + errorText(errno));
   }
   return socket;
 }
@@ -57,7 +56,7 @@ Descriptor Listener::open(const SocketAddress& address, int receiveBufferBytes) 
 Descriptor Listener::accept() const {
   Descriptor socket(accept4(fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (socket || errno == EAGAIN || errno == ECONNABORTED || errno == EINTR) return socket;
-  throw Failure(Status::Other, std::string("cannot accept: ") + std::strerror(errno));
+  throw Failure(Status::Other, std::string("cannot accept: ") + errorText(errno));
 }
 
 }  // namespace tcpcom

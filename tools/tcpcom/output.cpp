@@ -34,8 +34,9 @@ const char* escapeOf(Paint paint) {
 }
 
 bool showsColour(int fd) {
-  const char* noColour = std::getenv("NO_COLOR");
-  const char* terminal = std::getenv("TERM");
+  // Nothing in this process changes the environment.
+  const char* noColour = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe)
+  const char* terminal = std::getenv("TERM");      // NOLINT(concurrency-mt-unsafe)
   const bool dumb = terminal == nullptr || std::strcmp(terminal, "dumb") == 0;
   return isatty(fd) == 1 && !dumb && (noColour == nullptr || *noColour == '\0');
 }
@@ -61,7 +62,7 @@ void Output::write(const std::string& bytes) const {
     } else if (errno == EPIPE) {
       throw Failure(Status::Done, "");
     } else if (errno != EAGAIN && errno != EINTR) {
-      throw Failure(Status::Other, std::string("standard output: ") + std::strerror(errno));
+      throw Failure(Status::Other, std::string("standard output: ") + errorText(errno));
     }
   }
 }

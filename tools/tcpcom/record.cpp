@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <memory>
 
@@ -38,7 +37,7 @@ class RecordFile {
  private:
   void check() const {
     if (file_) return;
-    throw Failure(Status::Other, "cannot write \"" + path_ + "\": " + std::strerror(errno));
+    throw Failure(Status::Other, "cannot write \"" + path_ + "\": " + errorText(errno));
   }
 
   const Output& out_;

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "message_framing.h"
@@ -29,7 +28,7 @@ Descriptor connectInside(int port) {
   if (!socket ||
       (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
        errno != EINPROGRESS)) {
-    throw Failure(Status::Other, std::string("no connection to the mock: ") + std::strerror(errno));
+    throw Failure(Status::Other, std::string("no connection to the mock: ") + errorText(errno));
   }
   return socket;
 }

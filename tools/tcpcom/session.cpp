@@ -81,7 +81,7 @@ Descriptor Session::connectTo(const SocketAddress& address, TimePoint until,
   }
   if (code == 0 && isSelfConnected(socket.get())) code = ECONNREFUSED;
   if (code == 0) return socket;
-  error = std::strerror(code);
+  error = errorText(code);
   return Descriptor();
 }
 

@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace tcpcom {
 
@@ -35,6 +36,11 @@ inline constexpr StatusRow kStatusRows[] = {
     {Status::CannotListen, "cannot listen on the port"},
     {Status::Interrupted, "interrupted by SIGINT, SIGTERM or SIGHUP"},
 };
+
+/// @return what an errno value means
+inline std::string errorText(int code) {
+  return std::system_category().message(code);
+}
 
 /// Ends the run with a status; an empty text is not shown.
 class Failure : public std::runtime_error {

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <ctime>
 
 #include "status.h"
@@ -23,7 +22,7 @@ Descriptor openSignals() {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, signal);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   Descriptor signals(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
-  if (!signals) throw Failure(Status::Other, std::string("signalfd: ") + std::strerror(errno));
+  if (!signals) throw Failure(Status::Other, std::string("signalfd: ") + errorText(errno));
   return signals;
 }
 
@@ -59,7 +58,7 @@ Wake Waiter::wait(std::vector<pollfd>& entries, TimePoint until) const {
     const timespec left = timeLeft(end);
     ready = ppoll(entries.data(), entries.size(), end == kNever ? nullptr : &left, nullptr);
   } while (ready < 0 && errno == EINTR);
-  if (ready < 0) throw Failure(Status::Other, std::string("poll: ") + std::strerror(errno));
+  if (ready < 0) throw Failure(Status::Other, std::string("poll: ") + errorText(errno));
   const bool interrupted = entries[own].revents != 0;
   const bool outputClosed = entries[own + 1].revents != 0;
   entries.resize(own);
