@@ -45,3 +45,11 @@ setup_check_machine() {
   setup_test_machine
   ensure_packages clang++:clang clang-format:clang-format clang-tidy:clang-tidy git:git gcovr:gcovr
 }
+
+# What the benchmarks need: the tool, the peers, the charts.
+setup_bench_machine() {
+  setup_build_machine
+  ensure_packages /usr/include/benchmark/benchmark.h:libbenchmark-dev /usr/include/asio.hpp:libasio-dev \
+    /usr/include/event2/event.h:libevent-dev /usr/include/zmq.h:libzmq3-dev /usr/include/nng/nng.h:libnng-dev \
+    pkg-config:pkg-config python3:python3 taskset:util-linux strace:strace gnuplot:gnuplot-nox
+}

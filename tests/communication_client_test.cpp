@@ -242,44 +242,24 @@ TEST(CommunicationClient, ChangingTheListenersInsideAListenerBlocksUntilTheEnd) 
   }
 }
 
-TEST(CommunicationClient, ReconnectsAtOnce) {
+TEST(CommunicationClient, ConnectsOnceThoughTwoThreadsAsk) {
   LogCapture log;
   const RawListener listener;
   const Census census;
-  std::atomic<bool> insideListener{false};
   Subject subject(&listener);
   const auto connect = [&] { EXPECT_EQ(subject.connect(), 1); };
-  const auto greet = [&] { EXPECT_EQ(subject.client->sendMsg("hello"), 1); };
-  subject.onMsg = [&](const auto& msg) { msg == "end" ? subject.client->disConnect() : void(); };
-  subject.onChange = [&](bool up) {
-    if (!up && insideListener.exchange(false)) connect(), greet();
-  };
-  List expected;
-  for (int round = 0; round < 100; ++round) {
-    if (subject.ups == round) {
-      std::this_thread::sleep_for(milliseconds(round % 3 * 5));
-      std::thread other(connect);
-      connect();
-      other.join();
-      greet();
-    }
+  for (int round = 1; round <= 50; ++round) {
+    std::thread other(connect);
+    connect();
+    other.join();
+    EXPECT_EQ(subject.client->sendMsg("hello"), 1);
     const RawSocket peer = listener.accept();
     const std::string bytes = peer.read(32, 2000), beat = kHeartbeat + "\r\n";
     ASSERT_TRUE(bytes == beat + "hello\r\n" || bytes == "hello\r\n" + beat) << bytes;
     EXPECT_TRUE(eventually([&] { return threadsNamed("com_client") == 1; }));
-    expected.push_back(std::to_string(round));
-    peer.send(expected.back() + "\r\n");
-    ASSERT_TRUE(subject.gets(expected.back()));
-    const bool again = insideListener = round % 4 > 1;
-    if (round % 2 == 0) {
-      EXPECT_LT(timedMs([&] { subject.client->disConnect(); }), kStopBoundMs);
-    } else {
-      peer.send("end\r\n");
-      expected.push_back("end");
-    }
-    ASSERT_TRUE(eventually([&] { return subject.downs > round && subject.ups > round + again; }));
+    EXPECT_LT(timedMs([&] { subject.client->disConnect(); }), kStopBoundMs);
+    EXPECT_TRUE(subject.ups == round && subject.downs == round);
   }
-  EXPECT_EQ(subject.inbox.all(), expected);
 }
 
 TEST(CommunicationClient, EndsInEveryModeWhateverThePeerDoes) {
@@ -316,17 +296,6 @@ TEST(CommunicationClient, EndsInEveryModeWhateverThePeerDoes) {
   }
   EXPECT_EQ(log.errors("heart broken..."), 16u);
   EXPECT_EQ(log.errors("broadcast thread quit...") + log.errors("send thread quit..."), ended);
-}
-
-TEST(CommunicationClient, EndsAfterAFailedSend) {
-  LogCapture log;
-  const RawListener listener;
-  Subject subject(&listener);
-  ASSERT_EQ(subject.connect(), 1);
-  listener.accept().reset();
-  const auto failed = [&] { return subject.client->sendMsg("x"), log.errors("send failed") > 0; };
-  EXPECT_TRUE(eventually(failed));
-  EXPECT_LT(timedMs([&] { subject.client.reset(); }), kStopBoundMs);
 }
 
 TEST(CommunicationClient, SilenceWarnsAndEndsTheConnection) {

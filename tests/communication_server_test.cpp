@@ -245,11 +245,13 @@ struct InnerEnd : Stage<brix::BrixTcpServer> {
         [=](const auto& msg) { act(msg == "x" ? Place::BroadcastSeen : Place::ReplySeen); });
   }
   void act(Place here) {
-    if (here == place && !done.exchange(true)) tookMs = timedMs([&] { end(*this); });
+    if (here != place) return;
+    if (tookMs >= 0 && !server) toldAfterwards = true;
+    if (!done.exchange(true)) tookMs = timedMs([&] { end(*this); });
   }
   const Place place;
   const std::function<void(InnerEnd&)> end;
-  std::atomic<bool> done{false}, handled{false};
+  std::atomic<bool> done{false}, handled{false}, toldAfterwards{false};
   std::atomic<double> tookMs{-1};
 };
 
@@ -270,6 +272,7 @@ TEST(CommunicationServer, MayEndInsideEveryCallback) {
     if (scene.place != Place::Leaving) client.read(1000, kStopBoundMs);
     EXPECT_TRUE(scene.place == Place::Leaving || client.ended());
     EXPECT_LT(timedMs([&] { scene.server.reset(); }), kStopBoundMs);
+    EXPECT_FALSE(scene.toldAfterwards);
   }
   EXPECT_TRUE(eventually([&] { return openDescriptors() <= descriptorsBefore; }));
 }

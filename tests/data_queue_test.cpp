@@ -20,21 +20,4 @@ TEST(DataQueue, HandsOutAnEmptyElementAtItsEndAndGivesClearedStorageBack) {
   EXPECT_TRUE(queue.empty());
 }
 
-TEST(DataQueue, KeepsEachProducersOrderAndLosesNothing) {
-  DataQueue<std::pair<int*, int>> queue;
-  int last[2] = {};
-  const auto produce = [&queue](int* mine) {
-    for (int i = 1; i <= 10000; ++i) queue.push({mine, i});
-  };
-  std::thread producers[] = {std::thread(produce, &last[0]), std::thread(produce, &last[1])};
-  EXPECT_TRUE(test::eventually([&] {
-    while (!queue.empty()) {
-      const auto [seen, i] = queue.pop();
-      *seen = i == *seen + 1 ? i : -1;
-    }
-    return last[0] == 10000 && last[1] == 10000;
-  }));
-  for (std::thread& producer : producers) producer.join();
-}
-
 }  // namespace

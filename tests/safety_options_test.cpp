@@ -91,31 +91,6 @@ TYPED_TEST(SafetyOptions, CountsClientsAsTheyAre) {
   }));
 }
 
-TYPED_TEST(SafetyOptions, EndsAnEndlessMessage) {
-  this->options.maxMessageBytes = 100000;
-  ASSERT_TRUE(this->server.start(this->options));
-  const RawSocket good = this->served("good");
-  const RawSocket endless = this->served("endless");
-  endless.send(std::string(100000, 'x'));
-  EXPECT_FALSE(endless.ended());
-  endless.send("yy");
-  EXPECT_TRUE(eventually([&] { return endless.ended(); }));
-  good.send("still here\r\n");
-  EXPECT_TRUE(eventually([&] { return this->server.received.count("still here") == 1; }));
-}
-
-TYPED_TEST(SafetyOptions, CutsOffWhoDoesNotRead) {
-  this->options.peerTimeoutMs = 500;
-  ASSERT_TRUE(this->server.start(this->options));
-  const RawSocket stuck = this->served("stuck");  // and its lower number is served first
-  const RawSocket reader = this->served("reader");
-  const std::string block(1 << 20, 'b');
-  for (int i = 0; i < 16; ++i) this->server.broadcast(block);
-  EXPECT_EQ(reader.read(16 * (block.size() + 2)).size(), 16 * (block.size() + 2));
-  stuck.read(16 * (block.size() + 2));  // what was on its way, up to the end
-  EXPECT_TRUE(stuck.ended());
-}
-
 TEST(SafetyOptionsOfStateServer, ReadNoFurtherThanItMayQueueAndLoseNothing) {
   constexpr std::size_t kMessageBytes = 1 << 16, kFarTooMany = 1 << 10;
   std::promise<void> go;
@@ -167,7 +142,7 @@ TEST(TextQueue, DropsTheOldestAboveItsLimit) {
   EXPECT_TRUE(queue.pop().compare(0, 3, std::to_string(100 - queue.size() - 1) + ".") == 0);
   EXPECT_EQ(log.errors("oldest texts dropped"), 1U);  // one line a second
   queue.clear();
-  EXPECT_TRUE(queue.empty() && !queue.full());
+  EXPECT_TRUE(queue.empty());
   queue.push(std::string(20000, 'x'));  // one alone is never dropped
   EXPECT_EQ(queue.pop().size(), 20000U);
 }

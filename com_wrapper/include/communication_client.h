@@ -9,6 +9,7 @@
 #include <string>
 
 #include "basic_client_interface.h"
+#include "delivery_mode.h"
 #include "recieve_listener.h"
 #include "safety_options.h"
 #include "tcp_com_export.h"
@@ -22,7 +23,8 @@ namespace brix {
 /// Use: setClientHandle, listeners and modes, connect; disConnect, connect again, destruction.
 ///
 /// Called from: any thread. Calls back on
-/// - the broadcast thread, under the listener lock: listeners and message callbacks;
+/// - the broadcast thread, under the listener lock: listeners and message callbacks; in direct
+///   delivery (see DeliveryMode) the unit's thread "com_client", under the same lock;
 /// - the thread that connects (true) or disconnects (false; the unit's thread "com_client" when the
 ///   link has gone silent): the connection listener.
 /// A callback may send, connect, disconnect, set modes and destroy the client: there these only ask
@@ -48,13 +50,20 @@ class TCP_COM_API CommunicationClient : public ThreadUnit {
   /// Sets limits and checks, those of the transport among them; the next connection has them.
   void setSafetyOptions(const ClientSafetyOptions& options);
 
+  /// Sets how messages are handed over, and which thread calls the listeners; the next connection
+  /// has it. Default: Polled.
+  void setDeliveryMode(DeliveryMode mode);
+
   /// Turns progress lines and most failure lines on or off, the transport's among them.
   void setPrintFlag(bool print);
 
-  /// Sets the sending thread's pause in milliseconds; default 0.5.
+  /// Sets the sending thread's pause in milliseconds; default 0.5. At 0 it waits for texts, and
+  /// those that wait together may leave with one system call. To 0 and from 0 it takes effect at
+  /// once.
   void setSendRate(double rate);
 
-  /// Sets the pause of receiving and delivery in milliseconds; default 0.5.
+  /// Sets the pause of receiving and delivery in milliseconds; default 0.5. At 0 there is none. To
+  /// 0 and from 0 it takes effect at once.
   void setRecvRate(double rate);
 
   /// True (default): texts are queued, framed and sent by a thread. False: they are sent at once,

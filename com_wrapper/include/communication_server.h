@@ -17,7 +17,8 @@ namespace brix {
 /// Use: setServerHandle, rates and functions, initialize; terminate, destruction.
 ///
 /// Called from: any thread; configure before `initialize`. Calls back on
-/// - the transport's receive thread, under the raw-data lock: the raw-data function;
+/// - the transport's receive thread, or with direct delivery the one that reads the client, under
+///   the raw-data lock: the raw-data function;
 /// - the transport's accept and monitor threads, under the state lock: the connection listener;
 /// - the broadcast thread, under the state lock: the broadcast function;
 /// - the thread that sends: the sent-message observer.

@@ -36,6 +36,10 @@ void CommunicationClient::setSafetyOptions(const ClientSafetyOptions& options) {
   state_->safety = options;
 }
 
+void CommunicationClient::setDeliveryMode(DeliveryMode mode) {
+  state_->mode = mode;
+}
+
 void CommunicationClient::setPrintFlag(bool print) {
   state_->printFlag = print;
   if (const auto handle = state_->clientHandle.load()) atomicStore(handle->logFlag, print);
@@ -43,13 +47,12 @@ void CommunicationClient::setPrintFlag(bool print) {
 
 void CommunicationClient::setSendRate(double rate) {
   BRIX_LOG_INFO("%Cset send rate %f", kPaletteColor, rate);
-  state_->sendRate = rate;
+  state_->setSendRate(rate);
 }
 
 void CommunicationClient::setRecvRate(double rate) {
   BRIX_LOG_INFO("%Cset recv rate %f", kPaletteColor, rate);
-  state_->recvRate = rate;
-  setPeriod(rate);
+  state_->setRecvRate(rate);
 }
 
 void CommunicationClient::setSendMode(bool queued) {

@@ -113,7 +113,7 @@ void CommunicationClient::State::joinRetired() {
 // Silence counts from here, not from the last chunk of the connection before.
 std::shared_ptr<ClientLink> CommunicationClient::State::beginLink(
     std::shared_ptr<BasicClientInterface> handle) {
-  auto next = std::make_shared<ClientLink>(heartbeatMode, std::move(handle),
+  auto next = std::make_shared<ClientLink>(heartbeatMode, mode, std::move(handle),
                                            safety.load().value_or(ClientSafetyOptions()));
   log_time::timer_start(next->recvTimer);
   link = next;
@@ -148,8 +148,9 @@ void CommunicationClient::State::closeTransport(BasicClientInterface& handle) {
 }
 
 // Stop sequence: 1. close the transport, which ends a blocked read or send; 2. end the receiving;
-// 3. connected false, which ends the workers, whose pauses are interrupted; 4. tell the listener;
-// 5. drop what is queued. On the client's own threads 2 does not wait.
+// 3. ask the workers to end, whose waits are interrupted; 4. connected false, from when on another
+// thread may connect anew; 5. tell the listener; 6. drop what is queued. On the client's own
+// threads 2 does not wait.
 /// @return false if another thread is disconnecting, which this one must not wait for
 bool CommunicationClient::State::disConnect() {
   const auto lock = lockUnlessOwn(connectMutex, onOwnThread());
@@ -158,15 +159,16 @@ bool CommunicationClient::State::disConnect() {
   if (connected) {
     closeTransport(*ended->handle);
     endReceiving();
+    ended->stop.request();
+    awaitSenders(*ended);
     connected = false;
     ended->quitFlag = false;
-    ended->stop.request();
     guarded("connection listener exception: %s", [this] { notify(false); });
     if (printFlag) BRIX_LOG_INFO("CommunicationClient disconnected...");
   }
   if (ended) {
-    ended->sendQueue.takeAll();
-    ended->recvQueue.takeAll();
+    ended->sendQueue.clear();
+    ended->recvQueue.clear();
   }
   return true;
 }
@@ -196,6 +198,17 @@ void CommunicationClient::State::release() {
   });
 }
 
+void CommunicationClient::State::setSendRate(double ms) {
+  sendRate = ms;
+  if (const auto own = link.load()) own->stop.wake();
+}
+
+void CommunicationClient::State::setRecvRate(double ms) {
+  recvRate = ms;
+  loop->setPeriod(ms);
+  if (const auto own = link.load()) own->stop.wake();
+}
+
 void CommunicationClient::State::setSendMode(bool queued) {
   sendMode = queued;
   if (!queued) endWorker(&ClientLink::sendThread);
@@ -203,6 +216,10 @@ void CommunicationClient::State::setSendMode(bool queued) {
 
 void CommunicationClient::State::setHeartbeatMode(bool beating) {
   heartbeatMode = beating;
+  if (const auto own = link.load()) {  // the waits are as long as the watch allows
+    own->stop.wake();
+    own->handle->wakeReader();
+  }
   if (!beating) endWorker(&ClientLink::heartbeatThread);
 }
 
@@ -214,11 +231,9 @@ void CommunicationClient::State::setBroadcastMode(bool receiving) {
 }
 
 void CommunicationClient::State::endReceiving() {
-  if (onOwnThread()) {
-    loop->requestStop();
-  } else {
-    loop->stop();
-  }
+  loop->requestStop();
+  if (const auto own = link.load()) own->handle->wakeReader();
+  if (!onOwnThread()) loop->stop();
 }
 
 // The worker's mode is off: it ends by itself as soon as it looks.

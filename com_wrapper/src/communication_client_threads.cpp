@@ -1,5 +1,6 @@
-// The client's receive cycle and its three workers.
+// The client's receive cycle, its broadcast thread and its heartbeat.
 
+#include <algorithm>
 #include <utility>
 
 #include "atomic_access.h"
@@ -7,54 +8,71 @@
 #include "callback_guard.h"
 #include "command_envelope.h"
 #include "communication_client_state.h"
+#include "lock_in_steps.h"
 #include "log_macros.h"
 #include "process_end.h"
-#include "thread_end.h"
 #include "thread_mark.h"
 
 namespace brix {
 namespace {
 
-// Longest time inside the transport without testing for silence or a stop.
+// Longest time inside the transport without testing for silence or a stop, when it polls.
 constexpr double kReadSliceMs = 50;
+constexpr double kLongestWaitMs = 3600000;  // when it waits, and nothing falls due
+constexpr double kDeadLinkPauseMs = 10;     // a link that gives nothing any more is still looked at
+constexpr double kNoLinkPauseMs = 1;        // short, since a connection is usually on its way
 constexpr double kHeartbeatMs = 2500;
-constexpr int kSent = 1;
-constexpr int kNotConnected = -1;
-constexpr int kSendThrew = 0;
+constexpr std::size_t kLongestTraceBytes = 60000;  // a log line holds little more
 
 }  // namespace
 
 void CommunicationClient::State::cycle() {
   const ThreadMark mark(this);
-  if (!connected) return;
+  if (!connected) {
+    pauseIfUnpaced(kNoLinkPauseMs);
+    return;
+  }
   const auto own = link.load();
   if (own->quitFlag) {
     log_time::timer_end(own->recvTimer);
     warnOfSilence(*own);  // the last warning and the watchdog fall due together
-    if (!disConnect()) return;
+    if (!disConnect()) {
+      pauseIfUnpaced(kNoLinkPauseMs);
+      return;
+    }
     own->joinAll();
     joinRetired();
     if (printFlag) BRIX_LOG_INFO("communication thread quit.");
     return;
   }
-  const std::string chunk = readChunk(*own);
+  BasicClientInterface& handle = *own->handle;
+  // A silent peer must not keep the cycle from counting the silence: an empty chunk is nothing
+  // read.
+  const bool open = handle.recieveMsgWithin(readWaitMs(*own), own->chunk);
   log_time::timer_end(own->recvTimer);
   warnOfSilence(*own);
-  if (chunk.empty()) return;
-  const std::string& delimiter = own->handle->delimiter;
-  if (chunk == delimiter) return;  // no traffic, and nothing for the buffer
+  if (!open && own->givesUp) own->quitFlag = true;  // the next cycle disconnects
+  if (!open && waits(*own, recvRate)) loop->pauseMs(kDeadLinkPauseMs);
+  if (own->chunk.empty()) return;
+  const std::string& delimiter = handle.delimiter;
+  if (own->chunk == delimiter) return;  // no traffic, and nothing for the buffer
   log_time::timer_start(own->recvTimer);
   own->warnCount = 1;
-  cutMessages(*own, chunk, delimiter);
+  cutMessages(*own, delimiter);
 }
 
-// A silent peer must not keep the cycle from counting the silence: nothing readable is an empty
-// chunk.
-std::string CommunicationClient::State::readChunk(ClientLink& own) {
-  if (!own.handle->waitReadable(kReadSliceMs)) return std::string();
-  std::string chunk = own.handle->recieveMsg();
-  if (chunk.empty() && own.givesUp) own.quitFlag = true;  // the next cycle disconnects
-  return chunk;
+// At a rate of 0 nothing else paces a cycle that did not read.
+void CommunicationClient::State::pauseIfUnpaced(double ms) {
+  if (unpaced(recvRate)) loop->pauseMs(ms);
+}
+
+// Until the next warning falls due.
+double CommunicationClient::State::readWaitMs(ClientLink& own) const {
+  if (!waits(own, recvRate)) return kReadSliceMs;
+  if (!beating(own)) return kLongestWaitMs;
+  log_time::timer_end(own.recvTimer);
+  const double leftMs = own.warnCount * warnInterval - own.recvTimer.elapsed;
+  return std::clamp(leftMs, 1.0, kLongestWaitMs);
 }
 
 void CommunicationClient::State::warnOfSilence(ClientLink& own) {
@@ -64,22 +82,31 @@ void CommunicationClient::State::warnOfSilence(ClientLink& own) {
   BRIX_LOG_ERROR("recv cost exceed %f ms, still recv nothing.", silentMs);
 }
 
-void CommunicationClient::State::cutMessages(ClientLink& own, const std::string& chunk,
-                                             const std::string& delimiter) {
-  std::vector<std::string> msgs;
+void CommunicationClient::State::cutMessages(ClientLink& own, const std::string& delimiter) {
   if (std::exchange(own.dropTail, false)) recvBuffer.clear();
-  recvBuffer.feed(chunk.data(), chunk.size(), msgs, delimiter);
-  if (msgs.empty()) reportUnfinished(chunk);
-  for (std::string& msg : msgs) own.recvQueue.push(std::move(msg));
+  own.msgs.clear();
+  recvBuffer.feed(own.chunk.data(), own.chunk.size(), own.msgs, delimiter);
+  if (own.msgs.empty()) {
+    reportUnfinished(own.chunk);
+  } else {
+    handOverReceived(own);
+  }
   if (!exceeds(own.maxMessageBytes, recvBuffer.buffer())) return;
   recvBuffer.clear();
   own.quitFlag = true;  // the next cycle disconnects
 }
 
+// A long message is told of at each of its chunks: its whole text would make that quadratic.
 void CommunicationClient::State::reportUnfinished(const std::string& chunk) const {
   if (atomicLoad(brix_controller_error) || !printFlag) return;
   BRIX_LOG_INFO("%c%s", "yellow", chunk.c_str());
-  BRIX_LOG_INFO("%s", recvBuffer.buffer().c_str());
+  const std::string& waiting = recvBuffer.buffer();
+  if (waiting.size() <= kLongestTraceBytes) {
+    BRIX_LOG_INFO("%s", waiting.c_str());
+  } else {
+    const std::string begin(waiting, 0, kLongestTraceBytes);
+    BRIX_LOG_INFO("%s... (%zu bytes omitted)", begin.c_str(), waiting.size() - begin.size());
+  }
 }
 
 // A mode that is turned on later has no heartbeat in this connection to rely on.
@@ -87,40 +114,86 @@ bool CommunicationClient::State::beating(const ClientLink& own) const {
   return own.heartbeats && heartbeatMode;
 }
 
+// Ended also by a rate that becomes 0.
+void CommunicationClient::State::pause(ClientLink& own, const std::atomic<double>& rate,
+                                       const std::atomic<bool>& on) {
+  const double ms = rate;
+  if (ms > 0) own.stop.pauseMs(ms, [&] { return !on || unpaced(rate); });
+}
+
 void CommunicationClient::State::broadcastLoop(ClientLink& own) {
   const ThreadMark mark(this);
-  log_time::TimerUnit idle;
-  log_time::timer_start(idle);
+  own.sinceDelivery.start();
   while (!own.stop.requested() && broadcastMode) {
-    own.stop.pauseMs(recvRate, [this] { return !broadcastMode; });
-    log_time::timer_end(idle);
+    pause(own, recvRate, broadcastMode);
+    if (waits(own, recvRate)) awaitMessage(own);
     if (own.recvQueue.empty()) {
-      if (watchdogFires(own, idle)) break;
+      if (watchdogFires(own)) break;
       continue;
     }
-    log_time::timer_start(idle);
+    own.sinceDelivery.start();
     deliver(own);
   }
   if (printFlag) BRIX_LOG_ERROR("broadcast thread quit...");
 }
 
-bool CommunicationClient::State::watchdogFires(ClientLink& own, const log_time::TimerUnit& idle) {
-  if (idle.elapsed < recvTimeout || !beating(own)) return false;
-  if (printFlag) BRIX_LOG_INFO("has data %b, duration %f", false, idle.elapsed);
+// No longer than until the watchdog may fire; a listener that runs on the unit's thread starts the
+// watch anew when it returns.
+void CommunicationClient::State::awaitMessage(ClientLink& own) {
+  const double leftMs = own.delivering ? recvTimeout : recvTimeout - own.sinceDelivery.elapsedMs();
+  const bool watched = beating(own);
+  own.recvSignal.waitFor(watched ? std::max(leftMs, 1.0) : kLongestWaitMs, [&] {
+    return !own.recvQueue.empty() || !broadcastMode || !waits(own, recvRate) ||
+           watched != beating(own);
+  });
+}
+
+// In this order: a delivery that ends meanwhile has started the watch anew by then.
+bool CommunicationClient::State::watchdogFires(ClientLink& own) {
+  if (own.delivering) return false;
+  const double idleMs = own.sinceDelivery.elapsedMs();
+  if (idleMs < recvTimeout || !beating(own)) return false;
+  if (printFlag) BRIX_LOG_INFO("has data %b, duration %f", false, idleMs);
   own.quitFlag = true;
+  own.handle->wakeReader();
   return true;
 }
 
+// Taken under the lock: the unit's thread delivers itself only when nothing is left here.
 void CommunicationClient::State::deliver(ClientLink& own) {
-  const std::vector<std::string> msgs = own.recvQueue.takeAll();
   std::lock_guard<std::mutex> lock(listenerMutex);
+  own.recvQueue.takeAll(own.delivered);
+  deliverAll(own, own.delivered);
+}
+
+void CommunicationClient::State::deliverAll(ClientLink& own, const std::vector<std::string>& msgs) {
   const ThreadMark mark(&listenerMutex);
   delivering = &own;
   for (const std::string& msg : msgs) {  // a stop waits for one callback, not for all
-    if (own.stop.requested() || !broadcastMode) break;
+    if (own.stop.requested() || loop->stopAsked() || !broadcastMode) break;
     deliverOne(msg);
   }
   delivering = nullptr;
+}
+
+void CommunicationClient::State::handOverReceived(ClientLink& own) {
+  if (direct(own, recvRate) && deliverHere(own)) return;
+  own.recvQueue.pushAll(own.msgs);
+  own.recvSignal.wake();
+}
+
+// The time that listeners take here is not silence. A listener on the broadcast thread may have
+// ended this very connection, and wait for this thread before it connects anew.
+/// @return false if messages wait that come first
+bool CommunicationClient::State::deliverHere(ClientLink& own) {
+  std::unique_lock<std::mutex> lock(listenerMutex, std::defer_lock);
+  if (!lockInSteps(lock, own.stop) || !own.recvQueue.empty()) return false;
+  own.delivering = true;
+  deliverAll(own, own.msgs);
+  own.sinceDelivery.start();
+  own.delivering = false;
+  log_time::timer_start(own.recvTimer);
+  return true;
 }
 
 // By index: a listener that outlived a stop may have changed the lists under its own delivery.
@@ -144,34 +217,10 @@ void CommunicationClient::State::changeListeners(const std::function<void()>& ch
   }
   if (!destroyed) {
     BRIX_LOG_ERROR("listeners changed inside a listener: it blocks until the client disconnects");
-    while (!delivering->stop.requested() && broadcastMode) delivering->stop.pauseMs(kReadSliceMs);
+    StopSignal& stop = delivering->stop;
+    while (!stop.requested() && !loop->stopAsked() && broadcastMode) stop.pauseMs(kReadSliceMs);
   }
   change();
-}
-
-BRIX_SEES_THREAD_END void CommunicationClient::State::sendLoop(ClientLink& own) {
-  const ThreadMark mark(this);
-  try {
-    while (!own.stop.requested() && sendMode) {
-      own.stop.pauseMs(sendRate, [this] { return !sendMode; });
-      if (!own.sendQueue.empty()) sendBatch(own);
-    }
-  } catch (abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-    if (printFlag) BRIX_LOG_ERROR("sendRequestFunc catch exception");
-  }
-  if (printFlag) BRIX_LOG_ERROR("send thread quit...");
-}
-
-// After a reconnect the transport is that of the next connection, which must not get these texts.
-void CommunicationClient::State::sendBatch(ClientLink& own) {
-  for (std::string& text : own.sendQueue.takeAll()) {
-    if (own.stop.requested()) return;
-    const std::string& delimiter = own.handle->delimiter;
-    if (text.size() > delimiter.size() && !endsWith(text, delimiter)) text += delimiter;
-    own.handle->sendMsg(text);
-  }
 }
 
 void CommunicationClient::State::heartbeatLoop(ClientLink& own) {
@@ -185,39 +234,6 @@ void CommunicationClient::State::heartbeatLoop(ClientLink& own) {
     own.stop.pauseMs(kHeartbeatMs, [this] { return !heartbeatMode; });
   }
   BRIX_LOG_ERROR("heart broken...");
-}
-
-int CommunicationClient::State::send(const std::string& msg) {
-  return handOverText("sendMsg exception: %s", [&] { return msg; });
-}
-
-int CommunicationClient::State::sendRequest(const Json::Value& request) {
-  return handOverText("sendRequest exception: %s", [&] {
-    return brix_json::toStrWithoutIndentation(request, brix_json::kPrecision);
-  });
-}
-
-int CommunicationClient::State::sendBytes(const char* data, int len) {
-  return handOver("sendMsg exception: %s",
-                  [&](BasicClientInterface& handle) { handle.sendMsg(data, len); });
-}
-
-int CommunicationClient::State::handOverText(const char* fmt,
-                                             const std::function<std::string()>& text) {
-  return handOver(fmt, [&](BasicClientInterface& handle) {
-    if (sendMode) {
-      link.load()->sendQueue.push(text());
-    } else {
-      handle.sendMsg(text());
-    }
-  });
-}
-
-int CommunicationClient::State::handOver(const char* fmt,
-                                         const std::function<void(BasicClientInterface&)>& send) {
-  if (!connected) return kNotConnected;
-  const auto own = link.load();
-  return guarded(fmt, [&] { send(*own->handle); }) ? kSent : kSendThrew;
 }
 
 }  // namespace brix

@@ -1,7 +1,6 @@
 #include "communication_server.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -68,7 +67,6 @@ struct TCP_COM_HIDDEN CommunicationServer::State : std::enable_shared_from_this<
   std::atomic<double> recvRate{0.0};
   BroadcastThread broadcastThread;
   std::mutex stateLock;  // held while connection listeners and the broadcast function run
-  std::condition_variable connectionCondition;
   CallbackSlot<void(const std::string&)> sentMsgObserver;
   log_time::TimerUnit timerUnit;
 
@@ -127,13 +125,12 @@ void CommunicationServer::terminate() {
   state->terminate();
 }
 
-// Stop sequence: 1. quit signal, which ends the broadcast thread's pause; 2. wake its wait; 3. stop
-// the transport. The broadcast thread itself holds the state lock, for which the transport's
-// threads may be waiting: it does 3 when its function has returned.
+// Stop sequence: 1. quit signal, which ends the broadcast thread's waits; 2. stop the transport. The
+// broadcast thread itself holds the state lock, for which the transport's threads may be waiting:
+// it does 2 when its function has returned.
 void CommunicationServer::State::terminate() {
-  broadcastThread.requestStop();
   connected = false;
-  connectionCondition.notify_all();
+  broadcastThread.requestStop();
   const auto handle = serverHandle.load();
   if (!handle) return;
   if (onBroadcastThread()) {
@@ -226,7 +223,7 @@ void CommunicationServer::registerConnectionListener(std::function<void(bool)> l
 void CommunicationServer::registerSentMsgObserver(
     std::function<void(const std::string&)> observer) {
   state_->sentMsgObserver = std::move(observer);
-  state_->connectionCondition.notify_all();
+  state_->broadcastThread.wake();
 }
 
 void CommunicationServer::sendMsg(const std::string& msg) {
@@ -269,7 +266,7 @@ void CommunicationServer::State::connectionNotify(bool value) {
     bool value;
     ~Store() {
       state.connected = value;
-      state.connectionCondition.notify_all();
+      state.broadcastThread.wake();
     }
   } const store{*this, value};
   for (const auto& listener : connectionListeners.load()) (*listener)(value);
@@ -301,8 +298,11 @@ void CommunicationServer::State::broadcastOnce(StopSignal& run) {
 /// @return false on a stop
 bool CommunicationServer::State::waitForAudience(StopSignal& run,
                                                  std::unique_lock<std::mutex>& lock) {
-  while (!connected && !run.requested() && !sentMsgObserver) {
-    connectionCondition.wait_for(lock, std::chrono::milliseconds(kRetestMs));
+  const auto audience = [this] { return connected || sentMsgObserver; };
+  while (!audience() && !run.requested()) {
+    lock.unlock();
+    run.pauseMs(kLongestPauseMs, audience);
+    lock.lock();
   }
   return !run.requested();
 }

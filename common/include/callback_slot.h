@@ -2,6 +2,7 @@
 /// Values and callbacks that one thread replaces while another uses them.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -25,8 +26,15 @@ class ValueSlot {
   }
 
   void store(T value) {
+    store(std::move(value), [] {});
+  }
+
+  /// As above; calls `also` under the same lock.
+  template <typename Also>
+  void store(T value, Also also) {
     std::lock_guard<std::mutex> lock(mutex_);
     std::swap(value_, value);
+    also();
   }
 
   T load() const {
@@ -51,11 +59,34 @@ class CallbackSlot<Result(Args...)> {
 
   CallbackSlot() = default;
 
+  /// The new function may destroy what holds this slot as soon as it can be called: nothing of the
+  /// slot is touched after the lock.
   CallbackSlot& operator=(Function function) {
     auto next = function ? std::make_shared<const Function>(std::move(function)) : nullptr;
-    function_.store(std::move(next));
+    function_.store(std::move(next), [this] { ++changes_; });
     return *this;
   }
+
+  /// Calls the function many times: it is fetched again only when it was replaced.
+  class Caller {
+   public:
+    explicit Caller(const CallbackSlot& slot) : slot_(slot) {}
+
+    /// As the slot's own call.
+    template <typename... CallArgs>
+    Result operator()(CallArgs&&... args) {
+      if (const unsigned now = slot_.changes_; now != seen_) {
+        function_ = slot_.load();
+        seen_ = now;
+      }
+      return function_ ? (*function_)(std::forward<CallArgs>(args)...) : Result();
+    }
+
+   private:
+    const CallbackSlot& slot_;
+    std::shared_ptr<const Function> function_;
+    unsigned seen_ = 0;
+  };
 
   /// @return the function, or null; what its captures hold lives as long as the result
   std::shared_ptr<const Function> load() const { return function_.load(); }
@@ -72,6 +103,7 @@ class CallbackSlot<Result(Args...)> {
 
  private:
   ValueSlot<std::shared_ptr<const Function>> function_;
+  std::atomic<unsigned> changes_{0};
 };
 
 }  // namespace brix

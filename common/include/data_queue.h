@@ -27,6 +27,24 @@ class DataQueue {
     hasData_.store(true, std::memory_order_release);
   }
 
+  /// Appends the elements of [first, last) by moving them, under one lock.
+  template <typename Iterator>
+  void pushAll(Iterator first, Iterator last) {
+    std::lock_guard<brix::LogMutex> lock(mutex_);
+    for (; first != last; ++first) queue_.push_back(std::move(*first));
+    hasData_.store(!queue_.empty(), std::memory_order_release);
+  }
+
+  /// Takes the oldest elements, under one lock, as long as `take` accepts them. It gets each as an
+  /// rvalue and must leave what it refuses.
+  template <typename Take>
+  void popWhile(Take take) {
+    if (empty()) return;
+    std::lock_guard<brix::LogMutex> lock(mutex_);
+    while (!queue_.empty() && take(std::move(queue_.front()))) queue_.pop_front();
+    hasData_.store(!queue_.empty(), std::memory_order_release);
+  }
+
   /// @return the oldest element, or an empty T if there is none
   T pop() {
     T value{};

@@ -32,8 +32,8 @@ struct TCP_COM_API ServerSafetyOptions {
   /// many received bytes make the reading wait, which loses nothing. 0: none.
   std::size_t maxQueuedBytes = 0;
 
-  /// Milliseconds after which a peer that is gone, or does not read, is cut off. 0: the system's
-  /// own, minutes to hours, and never for one that does not read.
+  /// Milliseconds after which a peer that is gone, or has not taken a text, is cut off. 0: the
+  /// system's own, minutes to hours, and never for one that does not read.
   int peerTimeoutMs = 0;
 
   /// Whether the command server obeys "q", "Q" and "exit".
@@ -60,8 +60,9 @@ struct TCP_COM_API ClientSafetyOptions {
   /// Longest unfinished message in bytes; a longer one ends the connection. 0: none.
   std::size_t maxMessageBytes = 0;
 
-  /// Milliseconds after which a server that is gone, or does not read, is given up; a connection
-  /// that has ended then falls at once, also without heartbeats. 0: none.
+  /// Milliseconds after which a server that is gone, or has not taken a text, is given up; a
+  /// connection of CommunicationClient that has ended then falls at once, also without heartbeats.
+  /// 0: none.
   int peerTimeoutMs = 0;
 
   /// @return all of it

@@ -83,6 +83,10 @@ void BroadcastThread::requestStop() {
   if (const auto run = run_.load()) run->stop.request();
 }
 
+void BroadcastThread::wake() {
+  if (const auto run = run_.load()) run->stop.wake();
+}
+
 void BroadcastThread::close(bool wait) {
   closed_.request();
   requestStop();  // also of a thread that has just been started

@@ -30,6 +30,9 @@ class BroadcastThread {
 
   void requestStop();
 
+  /// Lets a pause of the last thread's run test its condition.
+  void wake();
+
   /// Asks for the end and lets no further thread start.
   /// @param wait  return when the thread has ended
   void close(bool wait);

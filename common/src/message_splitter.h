@@ -25,7 +25,7 @@ class MessageSplitter {
   explicit MessageSplitter(std::string buffer = {}) : buffer_(std::move(buffer)) {}
 
   /// Appends received bytes to the buffer.
-  void append(const char* data, std::size_t size) { buffer_.append(data, size); }
+  void append(const char* data, std::size_t size);
 
   /// Cuts the buffer; the contract of decodeMsgs.
   int split(std::vector<std::string>& msgs, const std::string& delimiter);
@@ -49,6 +49,13 @@ class MessageSplitter {
   std::string takeBuffer() { return std::move(buffer_); }
 
  private:
+  bool searchedAll(const std::string& delimiter) const {
+    return buffer_.empty() || (searched_ == buffer_.size() && searchedFor_ == delimiter);
+  }
+  void feedPairs(const char* begin, const char* end, std::vector<std::string>& msgs,
+                 const std::string& delimiter);
+  void splitPairs(std::vector<std::string>& msgs, const std::string& delimiter);
+  void handOverBuffer(std::vector<std::string>& msgs);
   void cut(std::vector<std::string>& msgs, const std::string& delimiter);
 
   std::string buffer_;

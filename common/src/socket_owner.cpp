@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,14 +15,34 @@
 #include "stop_signal.h"
 
 namespace brix {
+namespace {
 
-int pollFor(int fd, short events, double ms) noexcept {
+constexpr int kMsPerSecond = 1000;
+constexpr int kUsPerMs = 1000;
+
+/// Again after a signal that came before any byte went.
+ssize_t sendOnce(int fd, const void* data, std::size_t size, int flags) noexcept {
+  ssize_t sent = -1;
+  do {
+    sent = ::send(fd, data, size, flags);
+  } while (sent == -1 && errno == EINTR);
+  return sent;
+}
+
+}  // namespace
+
+bool wouldBlock() noexcept {
+  return errno == EAGAIN || errno == EWOULDBLOCK;
+}
+
+int pollFor(int fd, short events, double ms, int wakeUp) noexcept {
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::microseconds(pauseMicros(ms));
-  pollfd entry{fd, events, 0};
+  pollfd entries[] = {{fd, events, 0}, {wakeUp, POLLIN, 0}};
+  const nfds_t count = wakeUp < 0 ? 1 : 2;
   for (;;) {
     const std::chrono::duration<double, std::milli> left = deadline - Clock::now();
-    const int result = poll(&entry, 1, wholeMs(std::ceil(left.count())));
+    const int result = poll(entries, count, wholeMs(std::ceil(left.count())));
     if (result != -1 || errno != EINTR) return result;
   }
 }
@@ -84,30 +105,31 @@ void SocketOwner::abandon() noexcept {
 ssize_t SocketOwner::send(const void* data, std::size_t size, int flags) noexcept {
   const Use use(*this);
   if (!use) return -1;
-  const auto sendOnce = [&] {
-    ssize_t sent = -1;
-    do {
-      sent = ::send(fd_, data, size, flags);
-    } while (sent == -1 && errno == EINTR);
-    return sent;
-  };
-  if ((flags & MSG_NOSIGNAL) != 0) return sendOnce();
+  if ((flags & MSG_NOSIGNAL) != 0) return sendOnce(fd_, data, size, flags);
+  // What can go at once needs no guard, which costs three system calls.
+  const ssize_t atOnce = sendOnce(fd_, data, size, flags | MSG_DONTWAIT | MSG_NOSIGNAL);
+  if (atOnce == static_cast<ssize_t>(size)) return atOnce;
+  if (atOnce == -1 && errno != EAGAIN) return -1;
+  const std::size_t gone = atOnce > 0 ? static_cast<std::size_t>(atOnce) : 0;
   const SigpipeGuard guard(SigpipeGuard::Block::AllSignals);
-  const ssize_t sent = sendOnce();
+  const ssize_t sent = sendOnce(fd_, static_cast<const char*>(data) + gone, size - gone, flags);
   if (sent == -1 && errno == EPIPE) {
     guard.consume();
     errno = EPIPE;
   }
-  return sent;
+  if (gone == 0) return sent;
+  return static_cast<ssize_t>(gone) + (sent > 0 ? sent : 0);
 }
 
 ssize_t SocketOwner::recv(void* buffer, std::size_t size, int flags) noexcept {
   const Use use(*this);
   if (!use) return -1;
+  const bool mayWait = (flags & MSG_DONTWAIT) == 0;
   ssize_t received = -1;
   do {
     received = ::recv(fd_, buffer, size, flags);
-  } while (received == -1 && errno == EINTR);
+  } while (received == -1 &&
+           (errno == EINTR || (recvLimit_ == Limit::Set && mayWait && wouldBlock())));
   return received;
 }
 
@@ -122,10 +144,30 @@ int SocketOwner::accept(sockaddr_in& peer) noexcept {
   return accepted;
 }
 
-bool SocketOwner::waitReadable(double ms) noexcept {
+// With the time limit of the system each read costs one call, without it two. Not again after a
+// signal: many of them would make the wait endless.
+ssize_t SocketOwner::recvFor(void* buffer, std::size_t size, int ms) noexcept {
+  const Use use(*this);
+  if (!use) return -1;
+  if (recvLimit_ == Limit::None) {
+    const timeval limit{ms / kMsPerSecond, ms % kMsPerSecond * kUsPerMs};
+    const bool set = setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0;
+    recvLimit_ = set ? Limit::Set : Limit::Refused;
+  }
+  int flags = MSG_NOSIGNAL;
+  if (recvLimit_ != Limit::Set) {
+    flags |= MSG_DONTWAIT;
+    pollFor(fd_, POLLIN, ms);
+  }
+  const ssize_t received = ::recv(fd_, buffer, size, flags);
+  if (received == -1 && errno == EINTR) errno = EAGAIN;
+  return received;
+}
+
+bool SocketOwner::waitReadable(double ms, int wakeUp) noexcept {
   const Use use(*this);
   if (!use) return true;
-  return pollFor(fd_, POLLIN, ms) != 0;
+  return pollFor(fd_, POLLIN, ms, wakeUp) != 0;
 }
 
 }  // namespace brix

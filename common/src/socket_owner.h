@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -54,7 +55,8 @@ class SocketOwner {
   /// Gives the descriptor up without closing it.
   void abandon() noexcept;
 
-  /// One send of all bytes; retried if a signal came before any byte went. Never raises SIGPIPE.
+  /// One send of all bytes, as if by one call; retried if a signal came before any byte went. Never
+  /// raises SIGPIPE.
   /// @return as send(2); -1 with EBADF after the end
   ssize_t send(const void* data, std::size_t size, int flags) noexcept;
 
@@ -62,12 +64,18 @@ class SocketOwner {
   /// @return as recv(2); -1 with EBADF after the end
   ssize_t recv(void* buffer, std::size_t size, int flags) noexcept;
 
+  /// One recv that waits `ms` milliseconds at most, less if a signal comes. Always with the same
+  /// `ms`, by one thread.
+  /// @return as recv(2); -1 with EAGAIN if nothing came
+  ssize_t recvFor(void* buffer, std::size_t size, int ms) noexcept;
+
   /// @param peer  gets the address of who connected
   /// @return the accepted descriptor; -1 on an error and after the end
   int accept(sockaddr_in& peer) noexcept;
 
+  /// @param wakeUp  a descriptor that ends the wait as well; -1: none
   /// @return false if `ms` milliseconds passed without anything to read
-  bool waitReadable(double ms) noexcept;
+  bool waitReadable(double ms, int wakeUp = -1) noexcept;
 
  private:
   enum class State { Open, Ended, Abandoned };
@@ -79,10 +87,16 @@ class SocketOwner {
   std::mutex mutex_;  // innermost
   State state_;
   int users_ = 0;
+  enum class Limit { None, Refused, Set };
+  std::atomic<Limit> recvLimit_{Limit::None};  // whether the system ends each recv after a while
 };
 
-/// Waits for `events` on a descriptor, at most `ms` milliseconds, whatever signals come.
+/// Waits for `events` on a descriptor, or for something to read on another one, at most `ms`
+/// milliseconds, whatever signals come.
 /// @return as poll(2)
-int pollFor(int fd, short events, double ms) noexcept;
+int pollFor(int fd, short events, double ms, int wakeUp = -1) noexcept;
+
+/// @return whether a send or recv has failed because it would have blocked
+bool wouldBlock() noexcept;
 
 }  // namespace brix

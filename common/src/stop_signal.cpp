@@ -4,15 +4,14 @@
 #include <ctime>
 #include <limits>
 
+#include "wake_signal.h"
+
 namespace brix {
 namespace {
 
 // A stop may wait this long for a pause to end by itself: a plain sleep costs less than half of a
 // wait on a condition, and the polling loops pause thousands of times a second.
 constexpr long kPlainPauseUs = 10000;
-
-// A year: beyond every sensible rate, and far from overflow in the clock's arithmetic.
-constexpr double kLongestPauseMs = 365.0 * 24 * 3600 * 1000;
 
 double limited(double ms, double longestMs) noexcept {
   if (!(ms > 0)) return 0;  // negative or not a number
@@ -34,12 +33,17 @@ void StopSignal::request() noexcept {
     std::lock_guard<std::mutex> lock(mutex_);
     requested_.store(true, std::memory_order_release);
   }
-  condition_.notify_all();
+  notifyAll();
 }
 
 void StopSignal::wake() noexcept {
   { std::lock_guard<std::mutex> lock(mutex_); }
+  notifyAll();
+}
+
+void StopSignal::notifyAll() noexcept {
   condition_.notify_all();
+  for (WakeSignal* signal = first_; signal != nullptr; signal = signal->next_) signal->wake();
 }
 
 bool StopSignal::pauseShort(double ms) noexcept {

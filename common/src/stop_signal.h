@@ -7,9 +7,11 @@
 
 namespace brix {
 
-/// Longest time that a wait on a condition goes without testing its predicate again. Flags are set
-/// without the mutex of the wait, so a wake-up may be lost; this bounds what that costs.
+/// Longest time that a wait goes without testing again what nobody wakes it for.
 inline constexpr int kRetestMs = 50;
+
+/// A year: beyond every sensible rate, and far from overflow in the clock's arithmetic.
+inline constexpr double kLongestPauseMs = 365.0 * 24 * 3600 * 1000;
 
 /// Milliseconds as whole microseconds, truncated; a negative value and one that is no number count
 /// as 0, a huge one as the largest pause.
@@ -18,7 +20,10 @@ long pauseMicros(double ms) noexcept;
 /// Milliseconds as a whole number, truncated, with the same limits.
 int wholeMs(double ms) noexcept;
 
-/// Asks the threads of one run to stop, and is their only way to pause.
+class WakeSignal;
+
+/// Asks the threads of one run to stop, and is their only way to pause; what they wait for besides
+/// is a WakeSignal that belongs to this.
 class StopSignal {
  public:
   /// Asks for the stop and ends every pause.
@@ -29,7 +34,7 @@ class StopSignal {
 
   bool requested() const noexcept { return requested_.load(std::memory_order_acquire); }
 
-  /// Lets every pause test its `interrupted` condition.
+  /// Lets every pause and wait test its condition.
   void wake() noexcept;
 
   /// Pauses until the time is over or the stop is asked for.
@@ -42,11 +47,15 @@ class StopSignal {
   void pauseMs(double ms, Interrupted interrupted);
 
  private:
+  friend class WakeSignal;
+
+  void notifyAll() noexcept;
   static bool pauseShort(double ms) noexcept;
 
   std::atomic<bool> requested_{false};
   std::mutex mutex_;
   std::condition_variable condition_;
+  WakeSignal* first_ = nullptr;  // of those that belong to this; set before any thread is started
 };
 
 template <typename Interrupted>

@@ -4,12 +4,8 @@
 #include <limits>
 #include <utility>
 
-#include "log_macros.h"
-
 namespace brix {
 namespace {
-
-constexpr double kReportMs = 1000;
 
 // An empty text takes memory too.
 std::ptrdiff_t cost(const std::string& text) {
@@ -27,13 +23,38 @@ void TextQueue::push(std::string text) {
   const std::ptrdiff_t bytes = cost(text);
   texts_.push(std::move(text));
   bytes_ += bytes;
-  if (drops_ && limit_ != 0 && bytes_ > limit_) dropOldest();
+  if (limit_ != 0 && bytes_ > limit_) dropOldest();
+}
+
+std::size_t TextQueue::pushUntilFull(std::vector<std::string>& texts, std::size_t first, bool all) {
+  const std::ptrdiff_t limit = all ? 0 : limit_.load();
+  const std::ptrdiff_t before = bytes_;
+  std::ptrdiff_t added = 0;
+  std::size_t end = first;
+  while (end < texts.size() && (limit == 0 || before + added < limit)) added += cost(texts[end++]);
+  const auto begin = texts.begin();
+  texts_.pushAll(begin + static_cast<std::ptrdiff_t>(first),
+                 begin + static_cast<std::ptrdiff_t>(end));
+  bytes_ += added;
+  return end;
 }
 
 std::string TextQueue::pop() {
   std::string text;
   if (texts_.tryPop(text)) bytes_ -= cost(text);
   return text;
+}
+
+void TextQueue::popSome(std::vector<std::string>& texts, std::size_t bytes) {
+  std::size_t taken = 0;
+  texts_.popWhile([&](std::string&& text) {
+    if (taken != 0 && taken + text.size() > bytes) return false;
+    const std::ptrdiff_t freed = cost(text);
+    texts.push_back(std::move(text));
+    taken += static_cast<std::size_t>(freed);
+    bytes_ -= freed;
+    return true;
+  });
 }
 
 void TextQueue::clear() {
@@ -45,20 +66,14 @@ void TextQueue::dropOldest() {
     std::lock_guard<std::mutex> lock(dropLock_);
     while (bytes_ > limit_ && texts_.size() > 1) {
       pop();
-      ++dropped_;
+      report_.count();
     }
   }
   report();
 }
 
 void TextQueue::report() {
-  if (dropped_ == 0) return;
-  std::lock_guard<std::mutex> lock(dropLock_);
-  log_time::timer_end(sinceReport_);
-  if (dropped_ == 0 || (reported_ && sinceReport_.elapsed < kReportMs)) return;
-  log_time::timer_start(sinceReport_);
-  reported_ = true;
-  BRIX_LOG_ERROR("too many bytes queued, oldest texts dropped: %d", dropped_.exchange(0));
+  report_.tell();
 }
 
 }  // namespace brix

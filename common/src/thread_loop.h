@@ -32,7 +32,8 @@ class ThreadLoop {
   void run(ThreadUnit& unit);
 
   /// Lets the thread call state->cycle() and never touch its unit: a derived class may be under
-  /// construction still, or half destroyed. Before the start only.
+  /// construction still, or half destroyed. Before the start only. Such a cycle waits by itself:
+  /// with a period of 0 there is no pause at all.
   template <typename State>
   void setCycleOf(const std::shared_ptr<State>& state) {
     cycle_ = [weak = std::weak_ptr<State>(state)] {
@@ -41,11 +42,20 @@ class ThreadLoop {
   }
 
   bool running() const { return running_.load(); }
-  void setPeriod(double periodMs) { periodMs_.store(periodMs); }
+  bool stopAsked() const { return quit_.requested(); }
+
+  /// Pauses inside a cycle, no longer than until the stop.
+  void pauseMs(double ms) { quit_.pauseMs(ms); }
+
+  void setPeriod(double periodMs) {
+    periodMs_.store(periodMs);
+    quit_.wake();
+  }
   const std::string& name() const { return name_; }
 
  private:
   bool onOwnThread() const;
+  void pauseBetweenCycles();
   void request();
   void joinEnded();
   void awaitEnding(std::unique_lock<std::mutex>& lock);

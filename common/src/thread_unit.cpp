@@ -117,6 +117,15 @@ void ThreadLoop::ended() {
   changed_.notify_all();
 }
 
+// Even a pause of 0 takes its time.
+void ThreadLoop::pauseBetweenCycles() {
+  if (!cycle_) {
+    quit_.pauseMs(periodMs_);
+  } else if (periodMs_ > 0) {
+    quit_.pauseMs(periodMs_, [this] { return !(periodMs_ > 0); });
+  }
+}
+
 void ThreadLoop::run(ThreadUnit& unit) {
   prctl(PR_SET_NAME, name_.c_str());  // a failure only costs the name
   const ThreadMark mark(this);
@@ -132,7 +141,7 @@ void ThreadLoop::run(ThreadUnit& unit) {
   } leaver{*this};
   do {  // after a cycle that destroyed the unit, quit is set and the unit is not touched again
     guarded("threadCycle exception: %s", [&] { cycle_ ? cycle_() : unit.threadCycle(); });
-    quit_.pauseMs(periodMs_);
+    pauseBetweenCycles();
     leaver.left = leaveLoop();
   } while (!leaver.left);
 }

@@ -45,16 +45,12 @@ void leave() {
   std::exit(kStatus);
 }
 
-std::atomic<int> blocked{0};
+std::atomic<bool> hung{false};
 
-/// Ends the process if this is the place. Only one thread may call exit().
+/// Ends the process if this is the place, or never returns. Only one thread may call exit().
 void passing(const char* here) {
-  if (!armed) return;
-  for (bool first = true; place == "blocked"; first = false) {
-    blocked += first;
-    pause();  // no callback returns any more
-  }
-  if (place != here) return;
+  while (armed && place == "hang") hung = true, pause();
+  if (!armed || place != here) return;
   while (!armed.exchange(false)) pause();
   leave();
 }
@@ -169,11 +165,8 @@ int live(Family& family) {
   if (place == "leaving") family.disconnect();
   const int port = family.ports.back();
   armed = true;  // from here on the family may be gone
-  if (place == "main" || place == "stuck") return tellTheTime(), kStatus;
-  if (place == "blocked") {
-    check(eventually([] { return blocked > 1; }), "block");
-    return tellTheTime(), kStatus;
-  }
+  if (place == "hang") check(eventually([] { return hung.load(); }), "hang");
+  if (place == "main" || place == "stuck" || place == "hang") return tellTheTime(), kStatus;
   if (place == "exit") leave();
   if (place == "thread") std::thread(leave).join();
   if (place == "arrival") RawSocket::connectTo(port).take();
@@ -249,7 +242,7 @@ std::vector<Case> cases() {
   for (const char* family : {"command", "state"}) {
     for (const char* storage : {"static", "kept"}) {
       for (const char* where : {"at once", "main", "exit", "thread", "handler", "broadcast",
-                                "listener", "reply", "arrival", "leaving", "stuck", "blocked"}) {
+                                "listener", "reply", "arrival", "leaving", "stuck", "hang"}) {
         all.push_back({{"/proc/self/exe", "live", family, storage, where}});
       }
     }
@@ -262,12 +255,11 @@ std::vector<Case> cases() {
 
 TEST(ProcessEnd, HasTheStatusAskedForSoon) {
   const std::vector<Case> all = cases();
-  const int rounds = volume(50, 10);
+  const int rounds = std::max(volume(50, 10), 3);
   const std::size_t runs = all.size() * static_cast<std::size_t>(rounds);
   std::atomic<std::size_t> next{0};
   std::mutex lock;
-  double worstMs = 0;
-  string worst;
+  std::vector<Timings> ends(all.size());
   std::vector<std::thread> runners;
   for (int i = 0; i < 4; ++i) {
     runners.emplace_back([&] {
@@ -277,14 +269,19 @@ TEST(ProcessEnd, HasTheStatusAskedForSoon) {
         std::lock_guard<std::mutex> guard(lock);
         EXPECT_EQ(end.status, kStatus) << one.name() << end.output;
         EXPECT_GE(end.tookMs, 0) << one.name();
-        EXPECT_LT(end.tookMs, kEndMs + kStopBoundMs) << one.name();
-        if (end.tookMs > worstMs) worstMs = end.tookMs, worst = one.name();
+        ends[run % all.size()].add(end.tookMs);
       }
     });
   }
   for (std::thread& runner : runners) runner.join();
-  figure("R11", "%zu ends of a process in %zu ways, worst %.0f ms (bound %.0f): %s", runs,
-         all.size(), worstMs, kEndMs, worst.c_str());
+  double worstMs = 0;
+  string worst;
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    EXPECT_LT(ends[i].median(), kEndMs) << all[i].name();
+    if (ends[i].worst() > worstMs) worstMs = ends[i].worst(), worst = all[i].name();
+  }
+  figure("R11", "%zu ends of a process in %zu ways, worst %.0f ms (bound of the median %.0f): %s",
+         runs, all.size(), worstMs, kEndMs, worst.c_str());
 }
 
 }  // namespace
@@ -306,7 +303,7 @@ int main(int count, char** values) {
     testing::InitGoogleTest(&count, values);
     return RUN_ALL_TESTS();
   }
-  alarm(30);  // the last resort: ends a process that hangs
+  alarm(30);  // ends a process that hangs
   test::place = values[4];
   const bool isStatic = values[3] == std::string("static");
   return values[2] == std::string("state") ? test::liveWith<test::StateFamily>(isStatic)

@@ -45,6 +45,16 @@ class LogCapture {
   std::size_t infos(const std::string& text) const { return count(brix::LogLevel::Info, text); }
   std::size_t errors(const std::string& text) const { return count(brix::LogLevel::Error, text); }
 
+  /// @return the sum of the numbers that lines bear after `text`
+  std::size_t sumAfter(const std::string& text) const {
+    std::size_t sum = 0;
+    for (const LogLine& entry : lines()) {
+      const std::size_t at = entry.line.find(text);
+      if (at != std::string::npos) sum += std::stoul(entry.line.substr(at + text.size()));
+    }
+    return sum;
+  }
+
   /// @return the texts of all lines in order, without time and place, behind "INFO " or "ERROR " if
   ///   asked for
   std::vector<std::string> texts(bool leveled = false) const {

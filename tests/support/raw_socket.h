@@ -133,6 +133,8 @@ class RawListener {
     sockaddr_in address = loopback(0);
     socklen_t size = sizeof address;
     auto* raw = reinterpret_cast<sockaddr*>(&address);
+    const int reuse = 1;  // after thousands of connections every port has one that lingers
+    setsockopt(socket_.fd(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
     check(bind(socket_.fd(), raw, size) == 0, "bind");
     check(listen(socket_.fd(), backlog) == 0, "listen");
     check(getsockname(socket_.fd(), raw, &size) == 0, "getsockname");

@@ -1,6 +1,7 @@
 // The two servers under one face.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "brix_tcp_server.h"
@@ -35,7 +36,7 @@ struct StateServer {
 struct CommandServer : brix::iRecieveListener {
   bool start(const brix::ServerSafetyOptions& options = {}) {
     server.attachListener(this);
-    server.attachConnectionListener([this](bool any) { links.add(any ? "on" : "off"); });
+    server.attachConnectionListener([told = told_](bool any) { told->add(any ? "on" : "off"); });
     if (!server.setSafetyOptions(options)) return false;
     server.createSocket(0);
     return server.waitUntilListening(kDeadlineMs);
@@ -51,7 +52,13 @@ struct CommandServer : brix::iRecieveListener {
   }
 
   static constexpr char kName[] = "command server";
-  Texts received, links;
+
+ private:
+  // The sender is the process's: a call of it that has begun may outlive this.
+  const std::shared_ptr<Texts> told_ = std::make_shared<Texts>();
+
+ public:
+  Texts received, &links = *told_;
   brix::TcpServer server{-1};
 };
 

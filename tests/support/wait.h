@@ -22,6 +22,8 @@ using Clock = std::chrono::steady_clock;
 inline constexpr double kDeadlineMs = 20000;
 // The bound of every stop is 100 ms; this is what a test grants on a busy machine.
 inline constexpr double kStopBoundMs = 1000;
+// How long a shared machine may stand still: where a time is taken once, it may be in it.
+inline constexpr double kStallMs = 10000;
 
 inline double elapsedMs(Clock::time_point since) {
   return std::chrono::duration<double, std::milli>(Clock::now() - since).count();

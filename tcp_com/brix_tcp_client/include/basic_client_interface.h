@@ -2,6 +2,7 @@
 /// What a communication client asks of its transport.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "safety_options.h"
@@ -43,6 +44,24 @@ class TCP_COM_API BasicClientInterface {
 
   /// Sets limits and checks, before connecting. Does nothing in the base.
   virtual void setSafetyOptions(const ClientSafetyOptions& options);
+
+  /// Waits for bytes about `ms` milliseconds, or until wakeReader(). In the base with
+  /// waitReadable() and recieveMsg(), 50 ms at most. A transport whose recieveMsg() returns an
+  /// empty text for "nothing yet" must override this: in the base that is the end.
+  /// @param chunk  gets a chunk of the stream; empty if none came
+  /// @return false if none will come any more: the stream has ended, failed, or never began
+  virtual bool recieveMsgWithin(double ms, std::string& chunk);
+
+  /// Ends the recieveMsgWithin() that runs or comes next, within 50 ms. Does nothing in the base,
+  /// which waits no longer than that.
+  virtual void wakeReader();
+
+  /// Sends as many bytes as go without blocking.
+  /// @return how many of them are done with; 0 in the base
+  virtual std::size_t sendAtOnce(const char* data, std::size_t size);
+
+  /// @return whether texts may be joined before they are sent; false in the base
+  virtual bool joinsTexts() const;
 
   std::string delimiter;  ///< ends a message; set it before connecting
   bool logFlag;           ///< whether progress and failures are logged

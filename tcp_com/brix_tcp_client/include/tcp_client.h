@@ -70,6 +70,16 @@ class TCP_COM_API TcpClient : public BasicClientInterface {
   ///   stream's end and without socket, where reads return at once
   bool waitReadable(double ms) override;
 
+  /// Waits 50 ms at least. Holds a descriptor for wakeReader() once `ms` has been more than that.
+  bool recieveMsgWithin(double ms, std::string& chunk) override;
+
+  void wakeReader() override;
+
+  /// Bytes that a broken connection did not take are done with as well.
+  std::size_t sendAtOnce(const char* data, std::size_t size) override;
+
+  bool joinsTexts() const override;
+
   /// strictAddress, reclaimDescriptors and peerTimeoutMs are this class's. With the last one a send
   /// that is cut short has failed.
   void setSafetyOptions(const ClientSafetyOptions& options) override;
@@ -85,6 +95,8 @@ class TCP_COM_API TcpClient : public BasicClientInterface {
   int sendFlags() const;
   bool cutShort(ssize_t sent, std::size_t size) const;
   bool readAddress(sockaddr_in& address) const;
+  ssize_t recvLong(SocketOwner& socket, char* buffer, double ms);
+  bool openWakeUp();
 
   std::string serverAddress_;
   int serverPort_;
@@ -92,6 +104,8 @@ class TCP_COM_API TcpClient : public BasicClientInterface {
   std::atomic<bool> strictAddress_{false};
   std::atomic<bool> reclaimDescriptors_{false};
   std::atomic<int> peerTimeoutMs_{0};
+  std::atomic<int> wakeUp_{-1};  // an eventfd, opened by the first long wait
+  std::atomic<bool> wakeAsked_{false};
   std::deque<std::string> receivedTexts_;
   std::string spareText_;
 

@@ -1,8 +1,15 @@
 #include "basic_client_interface.h"
 
+#include <algorithm>
+
 #include "message_framing.h"
 
 namespace brix {
+namespace {
+
+constexpr double kReadSliceMs = 50;
+
+}  // namespace
 
 BasicClientInterface::BasicClientInterface() : delimiter(kDelimiter), logFlag(true) {}
 
@@ -16,6 +23,23 @@ int BasicClientInterface::recieveMsg(char* /*buf*/, int /*len*/) {
 
 bool BasicClientInterface::waitReadable(double /*ms*/) {
   return true;
+}
+
+bool BasicClientInterface::recieveMsgWithin(double ms, std::string& chunk) {
+  chunk.clear();
+  if (!waitReadable(std::min(ms, kReadSliceMs))) return true;
+  chunk = recieveMsg();
+  return !chunk.empty();
+}
+
+void BasicClientInterface::wakeReader() {}
+
+std::size_t BasicClientInterface::sendAtOnce(const char* /*data*/, std::size_t /*size*/) {
+  return 0;
+}
+
+bool BasicClientInterface::joinsTexts() const {
+  return false;
 }
 
 void BasicClientInterface::setSafetyOptions(const ClientSafetyOptions& /*options*/) {}

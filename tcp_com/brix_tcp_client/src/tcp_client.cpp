@@ -5,11 +5,13 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 
 #include "atomic_access.h"
 #include "log_macros.h"
@@ -21,6 +23,7 @@ namespace brix {
 namespace {
 
 constexpr double kConnectWaitMs = 1000;
+constexpr int kReadSliceMs = 50;  // longest wait that a wake-up does not end
 constexpr std::size_t kReadBytes = std::size_t{2} * 1024 * 1024;
 constexpr int kNoSocket = -1;
 constexpr int kConnected = 1;
@@ -73,6 +76,7 @@ TcpClient::TcpClient(const std::string& ip, int port) : serverAddress_(ip), serv
 
 TcpClient::~TcpClient() {
   if (owner_) giveUp(*owner_);
+  if (wakeUp_ >= 0) close(wakeUp_);
 }
 
 void TcpClient::setSafetyOptions(const ClientSafetyOptions& options) {
@@ -238,6 +242,68 @@ int TcpClient::recieveMsg(char* buf, int len) {
   if (!socket) return 0;
   if (buf == nullptr || len < 0) return kFailed;
   return static_cast<int>(socket->recv(buf, static_cast<std::size_t>(len), MSG_NOSIGNAL));
+}
+
+// One system call as long as there is traffic.
+bool TcpClient::recieveMsgWithin(double ms, std::string& chunk) {
+  chunk.clear();
+  const auto socket = owner();
+  if (!socket) return false;
+  char* const buffer = readBuffer();
+  ssize_t received = socket->recvFor(buffer, kReadBytes, kReadSliceMs);
+  if (received < 0 && wouldBlock()) received = recvLong(*socket, buffer, ms - kReadSliceMs);
+  if (received < 0 && wouldBlock()) return true;
+  if (received < 1) return false;
+  chunk.assign(buffer, static_cast<std::size_t>(received));
+  return true;
+}
+
+/// @return as recv(2); -1 with EAGAIN if nothing came
+ssize_t TcpClient::recvLong(SocketOwner& socket, char* buffer, double ms) {
+  ssize_t received = -1;
+  if (ms > 0 && openWakeUp()) {
+    if (wakeAsked_ || !socket.waitReadable(ms, wakeUp_)) {
+      errno = EAGAIN;  // whatever a signal during the wait has left there
+    } else {
+      received = socket.recv(buffer, kReadBytes, MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
+    if (received >= 0 || !wouldBlock()) return received;
+    wakeAsked_ = false;
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t taken = read(wakeUp_, &count, sizeof count);
+  }
+  errno = EAGAIN;
+  return -1;
+}
+
+/// @return false if the system has no descriptor left
+bool TcpClient::openWakeUp() {
+  if (wakeUp_ < 0) wakeUp_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  return wakeUp_ >= 0;
+}
+
+// Asked first, then woken: the reader opens the descriptor first, then looks whether it was asked.
+void TcpClient::wakeReader() {
+  wakeAsked_ = true;
+  const std::uint64_t one = 1;
+  const int wakeUp = wakeUp_;
+  if (wakeUp < 0) return;
+  [[maybe_unused]] const ssize_t written = write(wakeUp, &one, sizeof one);
+}
+
+std::size_t TcpClient::sendAtOnce(const char* data, std::size_t size) {
+  const auto socket = owner();
+  if (!socket) return size;
+  const ssize_t sent = socket->send(data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (sent >= 0) return static_cast<std::size_t>(sent);
+  if (wouldBlock()) return 0;
+  if (logging()) BRIX_LOG_ERROR("send failed %d.", static_cast<int>(sent));
+  lose(socket);
+  return size;
+}
+
+bool TcpClient::joinsTexts() const {
+  return true;
 }
 
 bool TcpClient::waitReadable(double ms) {

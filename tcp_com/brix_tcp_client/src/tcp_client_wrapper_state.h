@@ -24,9 +24,11 @@ struct WrapperLink : ConnectionWorkers {
   WrapperLink(std::shared_ptr<TcpClient> transport, const ClientSafetyOptions& options)
       : client(std::move(transport)),
         maxMessageBytes(options.maxMessageBytes),
+        givesUp(options.peerTimeoutMs > 0),
         dropTail(options.dropStaleOnReconnect) {}
   const std::shared_ptr<TcpClient> client;
   const std::size_t maxMessageBytes;
+  const bool givesUp;  // a link that has ended is left at once, not when it has been silent
   bool dropTail;  // receive step only: the tail of the connection before is still to be dropped
 };
 

@@ -31,6 +31,7 @@ void TcpClientWrapper::State::cycle() {
   const std::string text = own->client->recieveMsg();
   if (text.empty()) {
     if (!timedOut.exchange(true)) BRIX_LOG_ERROR("time out");
+    if (own->givesUp) endLink(*own);
     return;
   }
   timedOut = false;

@@ -8,6 +8,7 @@
 
 #include "basic_server_interface.h"
 #include "callback_slot.h"
+#include "delivery_mode.h"
 #include "safety_options.h"
 #include "tcp_com_export.h"
 
@@ -21,10 +22,11 @@ enum class HandlerStart {
 
 /// Serves one accepted connection: reads, cuts and hands over messages; writes what it is given.
 ///
-/// Called from: any thread. Calls back on: the handler's own thread, no lock held. A callback may
-/// call every operation and may drop the last reference to the handler; what it throws is logged,
-/// and the handler goes on.
+/// Called from: any thread. Calls back on: the handler's own thread, which has a stack of 1 MiB, no
+/// lock held. A callback may call every operation and may drop the last reference to the handler;
+/// what it throws is logged, and the handler goes on.
 class TCP_COM_API TcpServerHandler {
+  friend class BrixTcpServer;
   struct State;
   std::shared_ptr<State> state_;  // shared with the thread
 
@@ -74,12 +76,14 @@ class TCP_COM_API TcpServerHandler {
 /// Called from: any thread. Calls back on
 /// - the accept thread: the connection listener with true, for every client;
 /// - the monitor thread: the connection listener with false, when no client is left;
-/// - the receive thread: the message listener, under the receive lock.
+/// - the receive thread: the message listener, under the receive lock; in direct delivery (see
+///   DeliveryMode) the thread that reads the client, under the same lock.
 /// A listener may send, set rates, register listeners, call `terminateServer()` and destroy the
 /// server: on these threads a stop is only asked for, and the next stop from outside, or the
 /// destructor, waits for the threads. A listener must not wait for another thread that stops this
 /// server. What a listener throws is logged, and the thread goes on. A client that does not read
-/// holds up the sending to the others, and new clients, until it reads, leaves or the server stops.
+/// holds up the sending to the others, and new clients, until it reads, leaves or the server stops;
+/// in DeliveryMode::Direct it holds up nobody, and what it did not take waits for it alone.
 class TCP_COM_API BrixTcpServer : public BasicServerInterface {
  public:
   BrixTcpServer();
@@ -96,6 +100,10 @@ class TCP_COM_API BrixTcpServer : public BasicServerInterface {
   ///   and if allowedPeers cannot be read
   bool setSafetyOptions(const ServerSafetyOptions& options);
 
+  /// Sets how messages are handed over, and which thread calls the message listener; to be called
+  /// before the start, later it is refused with a log line. Default: Polled.
+  void setDeliveryMode(DeliveryMode mode);
+
   /// Starts the threads. Call it once: on a running server it is refused with a log line, and a
   /// stopped server stays stopped.
   /// @param port  0 lets the kernel choose one
@@ -109,9 +117,17 @@ class TCP_COM_API BrixTcpServer : public BasicServerInterface {
   void registerConnectionListener(std::function<void(bool)> listener) override;
   void registerMsgListener(std::function<void(const std::string&)> listener) override;
 
-  /// Queues one message, with the delimiter appended, for all clients. Returns at once. Messages
-  /// queued while nobody is connected wait for a client.
+  /// Queues one message, with the delimiter appended, for all clients, or in direct delivery writes
+  /// it at once as far as they take it. Never waits for a client. Messages queued while nobody is
+  /// connected wait for one.
   void sendMsg(const std::string& msg) override;
+
+  /// Sets the pause between two sends in milliseconds; to 0 and from 0 it takes effect at once.
+  void setSendRate(double rate) override;
+
+  /// As above, between two deliveries. A client that is connected keeps its pause between two
+  /// reads, the whole milliseconds of the rate at which it came.
+  void setRecvRate(double rate) override;
 
   /// @return whether accept, send and receive thread have ended in order; false, on purpose, on a
   ///   server that could not open its port

@@ -19,6 +19,8 @@ BrixTcpServer::BrixTcpServer() : state_(std::make_shared<State>(this)) {}
 
 BrixTcpServer::~BrixTcpServer() {
   noticeProcessEnd();
+  // The monitor will work off the ends after this object has gone.
+  if (ThreadMark::standsFor(state_.get())) state_->connectionListener = nullptr;
   state_->terminate();
   state_->release();
 }
@@ -42,20 +44,41 @@ void BrixTcpServer::registerMsgListener(std::function<void(const std::string&)> 
 }
 
 bool BrixTcpServer::setSafetyOptions(const ServerSafetyOptions& options) {
-  const std::unique_lock<std::mutex> lock(state_->lifecycleLock, std::try_to_lock);
-  if (!lock || state_->anyWorker()) {
+  std::lock_guard<std::mutex> lock(state_->optionsLock);
+  if (state_->started) {
     BRIX_LOG_ERROR("tcp server runs already, safety options not set");
     return false;
   }
   if (!state_->listening.setSafetyOptions(options)) return false;
-  state_->sendQueue.setLimit(options.maxQueuedBytes);
-  state_->recvQueue.setLimit(options.maxQueuedBytes);
+  state_->sending.queue.setLimit(options.maxQueuedBytes);
+  state_->receiving.queue.setLimit(options.maxQueuedBytes);
   state_->safety = options;
   return true;
 }
 
+// What waits in a backlog is in order only for the mode that put it there.
+void BrixTcpServer::setDeliveryMode(DeliveryMode mode) {
+  std::lock_guard<std::mutex> lock(state_->optionsLock);
+  if (state_->started) {
+    BRIX_LOG_ERROR("tcp server runs already, delivery mode not set");
+    return;
+  }
+  state_->mode = mode;
+}
+
 void BrixTcpServer::sendMsg(const std::string& msg) {
-  state_->sendQueue.push(msg + delimiter);
+  const auto state = state_;
+  state->send(msg + delimiter);
+}
+
+void BrixTcpServer::setSendRate(double rate) {
+  BasicServerInterface::setSendRate(rate);
+  state_->quit.wake();
+}
+
+void BrixTcpServer::setRecvRate(double rate) {
+  BasicServerInterface::setRecvRate(rate);
+  state_->quit.wake();
 }
 
 bool BrixTcpServer::releaseAble() {
@@ -81,7 +104,8 @@ void BrixTcpServer::popSocketHandle(int id) {
   state_->popSocketHandle(id);
 }
 void BrixTcpServer::recieveMsgCallback(const std::string& msg) {
-  state_->queueReceived(msg);
+  State::Batch one(1, msg);
+  state_->queueReceived(one, 0);
 }
 void BrixTcpServer::connectionNotify(bool connected) {
   state_->connectionNotify(connected);
@@ -104,7 +128,11 @@ void BrixTcpServer::State::start(int port) {
     BRIX_LOG_ERROR("tcp server runs already, port %d not opened", port);
     return;
   }
-  startWorkers(port);
+  {
+    std::lock_guard<std::mutex> options(optionsLock);
+    startWorkers(port);
+    started = anyWorker();
+  }
   BRIX_LOG_INFO("tcp server init, port %d", port);
 }
 
@@ -115,7 +143,9 @@ bool BrixTcpServer::State::anyWorker() const {
 
 void BrixTcpServer::State::startWorkers(int port) {
   const auto state = shared_from_this();
+  accepting = true;
   if (!startThread(acceptThread, "accept thread", [state, port] { state->acceptLoop(port); })) {
+    accepting = false;
     listening.fail();
   }
   startThread(sendThread, "send thread", [state] { state->sendLoop(); });
@@ -124,15 +154,17 @@ void BrixTcpServer::State::startWorkers(int port) {
 }
 
 // Stop sequence: 1. log; 2. quit flag, wake the pumps; 3. end every connection, which frees a send
-// that is stuck on one; 4. end the listening socket, which ends the accept; 5. join accept, send
-// and receive thread; 6. wake and join the monitor. On one of these threads only 1 to 4: waiting
-// there would mean waiting for itself, or for a thread that waits for a lock held here.
+// that is stuck on one; 4. end the listening socket, which ends the accept, and wake the monitor,
+// which ends when it has told of the last client's end; 5. join accept, send and receive thread,
+// wait for a listener on a client's thread; 6. join the monitor. On one of these threads, and in a
+// listener, only 1 to 4: waiting there would mean waiting for itself, or for a thread that waits
+// for a lock held here.
 void BrixTcpServer::State::terminate() {
   BRIX_LOG_INFO("tcp server terminated, base socket id %d", listening.number());
   quit.request();
-  pumpCondition.notify_all();
   terminateHandlers();
   listening.end();
+  monitorSignal.wake();
   if (ThreadMark::standsFor(this)) return;
   if (const auto lock = lockOrLeave(lifecycleLock)) joinWorkers();
 }
@@ -142,7 +174,7 @@ void BrixTcpServer::State::joinWorkers() {
   terminateHandlers();  // a client may have come in between the first round and the socket's end
   joinIfJoinable(sendThread);
   joinIfJoinable(recvThread);
-  connectionCondition.notify_all();
+  if (mode == DeliveryMode::Direct) lockOrLeave(receiving.lock);  // a listener on a client's thread
   joinIfJoinable(monitorThread);
 }
 
@@ -157,8 +189,10 @@ void BrixTcpServer::State::release() {
   msgListener = nullptr;
   if (ThreadMark::standsFor(this)) return;
   std::map<int, std::shared_ptr<TcpServerHandler>> ended;
+  std::shared_ptr<const Handlers> list;
   std::lock_guard<std::mutex> lock(mapLock);
   ended.swap(connections);
+  list.swap(handlerList);
 }
 
 // The last holder may be one of these threads, at its very end.
@@ -172,9 +206,9 @@ bool BrixTcpServer::State::releaseAble() const {
   const char* missing = nullptr;
   if (!acceptEnded) {
     missing = "wait_connection_thread not standby";
-  } else if (!sendEnded) {
+  } else if (!sending.ended) {
     missing = "send msg thread not standby";
-  } else if (!recvEnded) {
+  } else if (!receiving.ended) {
     missing = "recieve msg thread not standby";
   }
   if (missing != nullptr) BRIX_LOG_INFO(missing);

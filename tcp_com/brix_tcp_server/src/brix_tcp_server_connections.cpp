@@ -8,18 +8,31 @@
 #include "brix_tcp_server_state.h"
 #include "callback_guard.h"
 #include "log_macros.h"
+#include "tcp_server_handler_state.h"
 #include "thread_mark.h"
 
 namespace brix {
 namespace {
 
 constexpr double kAcceptPauseMs = 10;
-constexpr double kFullQueuePauseMs = 1;
 
 }  // namespace
 
+/// Ends with the accept loop, however that ends; the monitor waits for it.
+struct BrixTcpServer::State::Accepting {
+  explicit Accepting(State& accepts) : state(accepts) { state.accepting = true; }
+  ~Accepting() {
+    state.accepting = false;
+    state.monitorSignal.wake();
+  }
+  Accepting(const Accepting&) = delete;
+  Accepting& operator=(const Accepting&) = delete;
+  State& state;
+};
+
 void BrixTcpServer::State::acceptLoop(int port) {
   const ThreadMark mark(this);
+  const Accepting whileRunning(*this);
   const char* failure = listening.open();
   if (failure == nullptr) failure = listening.listenOn(port);
   if (failure != nullptr) {
@@ -51,8 +64,8 @@ void BrixTcpServer::State::createHandler(int socket) {
   if (!made) close(socket);
   if (!made || !handler->started()) return;
   const std::weak_ptr<State> weak = weak_from_this();
-  handler->msgCallback = [weak](const std::string& msg) {
-    if (const auto state = weak.lock()) state->queueReceived(msg);
+  handler->state_->batchCallback = [weak](Batch& msgs) {
+    if (const auto state = weak.lock()) state->receive(msgs);
   };
   handler->quitCallback = [weak](int ended) {
     if (const auto state = weak.lock()) state->popSocketHandle(ended);
@@ -63,13 +76,6 @@ void BrixTcpServer::State::createHandler(int socket) {
   handler->release();
 }
 
-// A client that sends faster than the listener takes waits: its messages are not to be lost.
-void BrixTcpServer::State::queueReceived(const std::string& msg) {
-  const bool own = ThreadMark::standsFor(this);  // a listener's: it would wait for itself
-  while (!own && recvQueue.full() && !quit.requested()) quit.pauseMs(kFullQueuePauseMs);
-  recvQueue.push(msg);
-}
-
 int BrixTcpServer::State::connectionCount() const {
   std::lock_guard<std::mutex> lock(mapLock);
   return static_cast<int>(connections.size());
@@ -77,9 +83,11 @@ int BrixTcpServer::State::connectionCount() const {
 
 void BrixTcpServer::State::insertHandler(int id, const std::shared_ptr<TcpServerHandler>& handler) {
   std::lock_guard<std::mutex> lock(connectionLock);
+  quitIds.reserve(connections.size() + 1);  // no client's end is lost for want of memory
   {
     std::lock_guard<std::mutex> mapGuard(mapLock);
     connections[id] = handler;
+    handlerList = nullptr;
   }
   // The stop may have walked the map already. To be done before the next step, which may wait for a
   // send to this very client.
@@ -89,33 +97,44 @@ void BrixTcpServer::State::insertHandler(int id, const std::shared_ptr<TcpServer
 
 void BrixTcpServer::State::connectionNotify(bool value) {
   guarded("connection listener exception: %s", [&] { connectionListener(value); });
-  std::lock_guard<std::mutex> recvGuard(recvLock);
-  std::lock_guard<std::mutex> sendGuard(sendLock);
-  if (!value) {
-    recvQueue.clear();
-    sendQueue.clear();
+  ++notifiers;
+  {
+    std::lock_guard<std::mutex> turn(notifyLock);
+    std::lock_guard<std::mutex> recvGuard(receiving.lock);
+    std::lock_guard<std::mutex> sendGuard(sending.lock);
+    if (!value) {
+      receiving.clear();
+      sending.clear();
+      stalled = false;  // nobody is left to be tried again
+      tellDrops(sending);
+    }
+    connected = value;
   }
-  connected = value;
-  pumpCondition.notify_all();
+  --notifiers;
+  receiving.signal.wake();
+  sending.signal.wake();
 }
 
 void BrixTcpServer::State::popSocketHandle(int id) {
-  std::lock_guard<std::mutex> lock(connectionLock);
-  quitIds.push_back(id);
-  connectionCondition.notify_all();
+  {
+    std::lock_guard<std::mutex> lock(connectionLock);
+    quitIds.push_back(id);
+    anyQuitId = true;
+  }
+  monitorSignal.wake();
 }
 
+// Goes on after a stop until every client has ended and been told of.
 void BrixTcpServer::State::monitorLoop() {
   const ThreadMark mark(this);
-  while (!quit.requested()) {
-    std::unique_lock<std::mutex> lock(connectionLock);
-    while (quitIds.empty()) {
-      if (quit.requested()) return;
-      connectionCondition.wait_for(lock, std::chrono::milliseconds(kRetestMs));
-    }
+  const auto over = [this] { return quit.requested() && !accepting && connectionCount() == 0; };
+  do {
+    monitorSignal.wait([&] { return anyQuitId || over(); });
+    std::lock_guard<std::mutex> lock(connectionLock);
     for (const int id : quitIds) guarded("monitor exception: %s", [&] { removeConnection(id); });
     quitIds.clear();
-  }
+    anyQuitId = false;
+  } while (!over());
 }
 
 // The handler is destroyed here, with its finished thread, unless the send pump still holds it.
@@ -128,6 +147,7 @@ void BrixTcpServer::State::removeConnection(int id) {
     if (entry != connections.end()) {
       removed = std::move(entry->second);
       connections.erase(entry);
+      handlerList = nullptr;
     }
     remaining = connections.size();
   }
@@ -139,12 +159,16 @@ void BrixTcpServer::State::removeConnection(int id) {
   if (remaining == 0) connectionNotify(false);
 }
 
-std::vector<std::shared_ptr<TcpServerHandler>> BrixTcpServer::State::handlers() const {
-  std::vector<std::shared_ptr<TcpServerHandler>> copy;
+// One list for all who send, until somebody comes or goes.
+std::shared_ptr<const BrixTcpServer::State::Handlers> BrixTcpServer::State::handlers() {
   std::lock_guard<std::mutex> lock(mapLock);
-  copy.reserve(connections.size());
-  for (const auto& connection : connections) copy.push_back(connection.second);
-  return copy;
+  if (!handlerList) {
+    const auto made = std::make_shared<Handlers>();
+    made->reserve(connections.size());
+    for (const auto& connection : connections) made->push_back(connection.second);
+    handlerList = made;
+  }
+  return handlerList;
 }
 
 // One by one, without a list of them: a stop must not fail for want of memory.

@@ -1,55 +1,24 @@
-#include <atomic>
-#include <condition_variable>
-#include <mutex>
+#include <sys/socket.h>
+
+#include <memory>
 #include <system_error>
-#include <thread>
-#include <vector>
 
 #include "brix_tcp_server.h"
 #include "callback_guard.h"
 #include "log_macros.h"
-#include "message_splitter.h"
 #include "peer_timeout.h"
-#include "process_end.h"
-#include "socket_owner.h"
-#include "stop_signal.h"
-#include "worker_thread.h"
+#include "tcp_server_handler_state.h"
 
 namespace brix {
 namespace {
 
 constexpr std::size_t kReceiveBlockBytes = 16384;
 
+// Room for a listener, which runs here in direct delivery; far less than the system's 8 MiB, since
+// a server may have a thousand of these threads.
+constexpr std::size_t kStackBytes = std::size_t{1} << 20;
+
 }  // namespace
-
-/// What the receiving thread shares with the handler: a callback on that thread may destroy the
-/// handler.
-struct TCP_COM_HIDDEN TcpServerHandler::State {
-  State(int fd, int connectionId) : socket(fd), id(connectionId) {}
-
-  void receiveLoop(int intervalMs);
-  bool receiveChunk(std::vector<char>& block);
-  void waitForRelease();
-  void open();
-  void stop();
-  void finish();
-
-  StopSignal quit;
-  SocketOwner socket;
-  const int id;
-  MessageSplitter splitter;  // receiving thread only
-  CallbackSlot<void(const std::string&)> msgCallback;
-  CallbackSlot<void(int)> quitCallback;
-  std::thread thread;  // creator and destructor only
-  ValueSlot<std::string> delimiter;
-  [[maybe_unused]] int reserved = 0;
-  std::atomic<std::size_t> maxMessageBytes{0};
-  std::atomic<bool> cutStalled{false};
-
-  std::mutex gateLock;  // guards released
-  std::condition_variable gate;
-  bool released = false;
-};
 
 TcpServerHandler::TcpServerHandler(int socket, int id, int interval)
     : TcpServerHandler(socket, id, interval, HandlerStart::Now) {}
@@ -61,7 +30,7 @@ TcpServerHandler::TcpServerHandler(int socket, int id, int interval, HandlerStar
       delimiter(state_->delimiter) {
   if (start == HandlerStart::Now) release();
   const auto body = [state = state_, interval] { state->receiveLoop(interval); };
-  if (!startThread(state_->thread, "connection handler", body)) state_->socket.end();
+  if (!state_->thread.start("connection handler", kStackBytes, body)) state_->socket.end();
 }
 
 // The handler may be destroyed by a callback on its own thread. A thread cannot join itself: the
@@ -70,10 +39,10 @@ TcpServerHandler::~TcpServerHandler() {
   state_->stop();
   if (!state_->thread.joinable()) return;
   try {
-    if (isOwnThread(state_->thread)) {
+    if (state_->thread.isOwn()) {
       throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
     }
-    joinIfJoinable(state_->thread);
+    state_->thread.join();
   } catch (const std::system_error& error) {
     BRIX_LOG_ERROR("catch std::system_error %s", error.what());
     state_->thread.detach();
@@ -89,6 +58,7 @@ void TcpServerHandler::setSafetyOptions(const ServerSafetyOptions& options) {
   state_->cutStalled = options.peerTimeoutMs > 0;
   const SocketOwner::Use use(state_->socket);
   if (use) setPeerTimeout(use.fd(), options.peerTimeoutMs);
+  state_->backlog.configure(options.maxQueuedBytes, options.peerTimeoutMs);
 }
 
 void TcpServerHandler::release() {
@@ -129,29 +99,63 @@ void TcpServerHandler::State::waitForRelease() {
   gate.wait(lock, [this] { return released; });
 }
 
-// However the loop ends, for want of memory too, the connection ends with it.
+// However the loop ends, for want of memory or because a listener ends the thread, the connection
+// ends with it.
 void TcpServerHandler::State::receiveLoop(int intervalMs) {
+  struct Finisher {
+    State& state;
+    bool finished = false;
+    ~Finisher() {
+      if (!finished) state.finish();
+    }
+  } finisher{*this};
   waitForRelease();
   guarded("connection handler exception: %s", [&] {
-    std::vector<char> block(kReceiveBlockBytes);
+    const std::unique_ptr<char[]> block(new char[kReceiveBlockBytes]);  // not cleared
     do {
-      quit.pauseMs(intervalMs);
-    } while (!quit.requested() && receiveChunk(block));
+      if (intervalMs > 0) quit.pauseMs(intervalMs);  // even a pause of 0 takes its time
+    } while (!quit.requested() && receiveChunk(block.get()));
   });
+  finisher.finished = true;
   finish();
 }
 
 /// @return false at the end of the connection
-bool TcpServerHandler::State::receiveChunk(std::vector<char>& block) {
-  const ssize_t received = socket.recv(block.data(), block.size(), 0);
+bool TcpServerHandler::State::receiveChunk(char* block) {
+  const ssize_t received = socket.recv(block, kReceiveBlockBytes, 0);
   if (received <= 0) return false;
-  std::vector<std::string> msgs;
-  splitter.feed(block.data(), static_cast<std::size_t>(received), msgs, delimiter.load());
+  splitter.feed(block, static_cast<std::size_t>(received), msgs, delimiter.load());
+  const bool goesOn = handOver();
+  msgs.clear();
+  return goesOn && !exceeds(maxMessageBytes, splitter.buffer());
+}
+
+/// @return false on a stop
+bool TcpServerHandler::State::handOver() {
+  if (batchCallback) {
+    if (!msgs.empty()) guarded("message callback exception: %s", [&] { batchCallback(msgs); });
+    return true;
+  }
   for (const std::string& msg : msgs) {
     if (quit.requested()) return false;
     guarded("message callback exception: %s", [&] { msgCallback(msg); });
   }
-  return !exceeds(maxMessageBytes, splitter.buffer());
+  return true;
+}
+
+bool TcpServerHandler::State::offer(SharedText& shared, DropReport& dropped) {
+  std::size_t sent = 0;
+  if (backlog.empty()) {
+    const std::string& text = shared.text();
+    const ssize_t result = socket.send(text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (result < 0 && !wouldBlock()) return true;  // a lost client shows on the receiving side
+    if (result > 0) sent = static_cast<std::size_t>(result);
+    if (sent == text.size()) return true;
+  }
+  const bool kept =
+      guarded("send exception: %s", [&] { backlog.add(shared.copy(), sent, dropped); });
+  if (!kept) socket.end();  // half a text has gone, or a later one would go before this
+  return !kept;
 }
 
 void TcpServerHandler::State::finish() {

@@ -52,7 +52,11 @@ const char* ListenSocket::open() {
     publish(true, 0);
     return "Socket error";
   }
-  auto opened = SocketOwner::make(fd);
+  std::shared_ptr<SocketOwner> opened;
+  if (!guarded("socket exception: %s", [&] { opened = SocketOwner::make(fd); })) {
+    publish(true, 0);
+    return "Socket error";
+  }
   std::lock_guard<std::mutex> lock(mutex_);
   socket_ = std::move(opened);
   failed_ = false;

@@ -52,8 +52,8 @@ void TcpServer::release(bool mayBlock) {
 }
 
 bool TcpServer::setSafetyOptions(const ServerSafetyOptions& options) {
-  const std::unique_lock<std::mutex> lock(state_->lifecycleLock, std::try_to_lock);
-  if (!lock || state_->acceptThread.joinable()) {
+  std::lock_guard<std::mutex> lock(state_->optionsLock);
+  if (state_->started) {
     BRIX_LOG_ERROR("tcp server was started already, safety options not set");
     return false;
   }
@@ -135,13 +135,15 @@ void TcpServer::State::createSocket(int port) {
     BRIX_LOG_ERROR("tcp server was started already, port %d not opened", port);
     return;
   }
+  std::lock_guard<std::mutex> options(optionsLock);
   watchProcessEnd();
   accepting = true;
   const auto body = [state = shared_from_this(), port] {
     const Accepting whileRunning(*state);
     state->acceptLoop(port);
   };
-  if (startThread(acceptThread, "accept thread", body)) return;
+  started = startThread(acceptThread, "accept thread", body);
+  if (started) return;
   accepting = false;
   listening.fail();
 }

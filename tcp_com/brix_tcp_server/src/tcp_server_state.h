@@ -26,8 +26,8 @@ namespace brix {
 
 /// What the server shares with its threads. The receiving threads are detached and outlive it.
 ///
-/// Lock order: lifecycleLock; a client's registering; the broadcaster's listener lock; then the
-/// innermost ones: bufferLock, the own locks of gate, slots, sockets and signals.
+/// Lock order: lifecycleLock; optionsLock; a client's registering; the broadcaster's listener lock;
+/// then the innermost ones: bufferLock, the own locks of gate, slots, sockets and signals.
 struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   ~State();
 
@@ -95,6 +95,8 @@ struct TCP_COM_HIDDEN TcpServer::State : std::enable_shared_from_this<State> {
   std::atomic<bool> perClientBuffer{false};
 
   std::mutex lifecycleLock;
+  std::mutex optionsLock;              // held for moments only
+  bool started = false;                // optionsLock; whether the options are fixed
   std::atomic<bool> accepting{false};  // until the accept thread has ended
   DeliveryGate gate;
 };

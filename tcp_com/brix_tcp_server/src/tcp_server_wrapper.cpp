@@ -1,7 +1,6 @@
 #include "tcp_server_wrapper.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <utility>
 
@@ -99,7 +98,6 @@ struct TCP_COM_HIDDEN TcpServerWrapper::State : std::enable_shared_from_this<Sta
   const std::shared_ptr<TcpServer> server = std::make_shared<TcpServer>(kNoPort);
   BroadcastThread broadcastThread;
   std::mutex stateLock;  // held while the broadcast function runs
-  std::condition_variable stateChanged;
   std::atomic<bool> connected{false};
   StopSignal quit;  // the quit flag
 };
@@ -180,7 +178,6 @@ void TcpServerWrapper::State::quitAll() {
   connected = false;
   quit.request();
   broadcastThread.requestStop();
-  stateChanged.notify_all();
   server->quit();
 }
 
@@ -282,13 +279,12 @@ void TcpServerWrapper::tcpConnectionNotify(bool connected) {
 }
 
 // Not under the state lock: this thread holds up all servers of the process, and the broadcast
-// function that runs under that lock may be stopping one of them. A wake-up that is lost without it
-// costs the waiting thread one more test.
+// function that runs under that lock may be stopping one of them.
 void TcpServerWrapper::State::connectionNotify(bool value) {
   BRIX_LOG_INFO("tcp connection %b", value);
   if (quit.requested()) return;
   connected = value;
-  stateChanged.notify_all();
+  broadcastThread.wake();
 }
 
 void TcpServerWrapper::broadcastAutomaticThreadFunc() {
@@ -309,7 +305,9 @@ void TcpServerWrapper::State::broadcastLoop(StopSignal& run) {
 void TcpServerWrapper::State::broadcastOnce(StopSignal& run) {
   std::unique_lock<std::mutex> lock(stateLock);
   while (!connected && !run.requested()) {
-    stateChanged.wait_for(lock, std::chrono::milliseconds(kRetestMs));
+    lock.unlock();
+    run.pauseMs(kLongestPauseMs, [this] { return connected.load(); });
+    lock.lock();
   }
   const auto func = broadcastFunc.load();
   if (run.requested() || !func) return;
