@@ -46,6 +46,12 @@ setup_check_machine() {
   ensure_packages clang++:clang clang-format:clang-format clang-tidy:clang-tidy git:git gcovr:gcovr
 }
 
+# What the packages need.
+setup_package_machine() {
+  setup_build_machine
+  ensure_packages dpkg-buildflags:dpkg-dev file:file git:git lintian:lintian
+}
+
 # What the benchmarks need: the tool, the peers, the charts.
 setup_bench_machine() {
   setup_build_machine
