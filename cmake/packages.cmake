@@ -5,7 +5,8 @@ if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
 endif()
 
 set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_CONTACT "libtcp_com maintainers <maintainers@localhost>")
+set(CPACK_PACKAGE_CONTACT "libtcp_com maintainers <maintainers@libtcp-com.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
@@ -27,13 +28,19 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 
+# The loader's cache is renewed by a trigger, as Debian asks, and not by CPack's own scripts, which are
+# left out in favour of scripts of these names: there are none.
+set(files ${PROJECT_BINARY_DIR}/packages)
+file(WRITE ${files}/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${files}/triggers ${files}/postinst ${files}/postrm)
+
 set(runtime_package libtcp-com${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
     "TCP communication for robot-arm controllers - shared libraries
-The processes of a controller talk over TCP in compact JSON texts: servers answer
-requests and publish state at fixed rates, clients send requests and listen.
+The processes of a controller talk over TCP in compact JSON texts: servers
+answer requests and publish state at fixed rates, clients send requests.
 .
 This package holds libtcp_com and its logging library libbrix_log.")
 
@@ -43,8 +50,8 @@ set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS libjsoncpp-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
     "TCP communication for robot-arm controllers - development files
-The processes of a controller talk over TCP in compact JSON texts: servers answer
-requests and publish state at fixed rates, clients send requests and listen.
+The processes of a controller talk over TCP in compact JSON texts: servers
+answer requests and publish state at fixed rates, clients send requests.
 .
 This package holds the headers and what CMake and pkg-config need to link.")
 
@@ -53,10 +60,10 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${runtime_package} (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
     "TCP communication for robot-arm controllers - command-line tool
-tcpcom speaks to controllers from the shell, with exit statuses that a script can
-trust: it pings, requests, watches, records, replays, measures and diagnoses.
+tcpcom speaks to controllers from the shell, with exit statuses that a script
+can trust: it pings, requests, watches, records, replays and measures.
 .
-It also stands in for a controller, with faults on demand, to test an application.")
+It also stands in for a controller, with faults on demand, for tests.")
 
 # The entry of this version in CHANGELOG.md, as Debian words it.
 function(tcp_com_debian_changelog file)
@@ -71,13 +78,15 @@ function(tcp_com_debian_changelog file)
   string(REGEX REPLACE "\n  " "\n    " text "${text}")
   string(REPLACE "\n- " "\n  * " text "${text}")
   string(STRIP "${text}" text)
+  file(WRITE ${file} "  ${text}\n")
+  execute_process(COMMAND fmt -t -w 78 ${file} OUTPUT_VARIABLE text COMMAND_ERROR_IS_FATAL ANY)
   string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC) # SOURCE_DATE_EPOCH, if it is set
   file(WRITE ${file} "${CPACK_DEBIAN_PACKAGE_SOURCE} (${PROJECT_VERSION}) unstable; urgency=medium\n\n"
-                     "  ${text}\n\n -- ${CPACK_PACKAGE_CONTACT}  ${date}\n")
-  execute_process(COMMAND gzip -9n -f ${file} COMMAND_ERROR_IS_FATAL ANY)
+                     "${text}\n -- ${CPACK_PACKAGE_CONTACT}  ${date}\n")
+  execute_process(COMMAND gzip -9nc ${file} OUTPUT_FILE ${file}.gz COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
 
-set(changelog ${PROJECT_BINARY_DIR}/packages/changelog)
+set(changelog ${files}/changelog)
 tcp_com_debian_changelog(${changelog})
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 
