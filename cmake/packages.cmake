@@ -1,7 +1,7 @@
-# Debian packages, one a component. The build has to be configured for the prefix /usr.
+# Debian packages, one a component.
 
-if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
-  message(FATAL_ERROR "TCP_COM_PACKAGES needs -DCMAKE_INSTALL_PREFIX=/usr")
+if(NOT PROJECT_IS_TOP_LEVEL OR NOT TCP_COM_BUILD_TOOLS OR NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  message(FATAL_ERROR "TCP_COM_PACKAGES needs the project by itself, its tools, and the prefix /usr")
 endif()
 
 set(CPACK_GENERATOR DEB)
