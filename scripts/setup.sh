@@ -43,7 +43,21 @@ setup_test_machine() {
 # What the further checks need beside it.
 setup_check_machine() {
   setup_test_machine
+  setup_package_machine
+  setup_abi_machine
   ensure_packages clang++:clang clang-format:clang-format clang-tidy:clang-tidy git:git gcovr:gcovr
+}
+
+# What the packages need.
+setup_package_machine() {
+  setup_build_machine
+  ensure_packages dpkg-buildflags:dpkg-dev file:file git:git lintian:lintian
+}
+
+# What the check of the ABI needs.
+setup_abi_machine() {
+  setup_build_machine
+  ensure_packages abidiff:abigail-tools git:git
 }
 
 # What the benchmarks need: the tool, the peers, the charts.

@@ -7,31 +7,10 @@ build=$(cd "$1" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-"$here/extract_readme.sh" "$work"
 cmake --install "$build" --prefix "$work/built" >/dev/null
 mv "$work/built" "$work/moved"  # nothing may remember where it was installed first
+"$here/link_and_talk.sh" "$work/moved" "$work"
 libdir=$(dirname "$(find "$work/moved" -name libtcp_com.so)")
-
-echo "== find_package"
-cmake -S "$here" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$work/moved" \
-  -DREADME_DIR="$work" -DCMAKE_CXX_FLAGS="${CXXFLAGS-}" >/dev/null
-cmake --build "$work/cmake" >/dev/null
-
-echo "== pkg-config"
-export PKG_CONFIG_PATH="$libdir/pkgconfig"
-read -ra flags <<<"$(pkg-config --cflags --libs tcp_com)"
-mkdir "$work/pkg"
-for name in server command_server client; do
-  # shellcheck disable=SC2086
-  g++ -std=c++17 ${CXXFLAGS-} "$work/readme_$name.cpp" -o "$work/pkg/$name" "${flags[@]}"
-done
-
-export LD_LIBRARY_PATH="$libdir"
-for way in cmake pkg; do
-  for server in server command_server; do
-    "$here/talk.sh" "$work/$way/$server" "$work/$way/client"
-  done
-done
 
 echo "== exported symbols"
 # Only our namespaces and the facade's global names may be visible.
