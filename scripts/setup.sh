@@ -43,7 +43,13 @@ setup_test_machine() {
 # What the further checks need beside it.
 setup_check_machine() {
   setup_test_machine
+  setup_docs_machine
   ensure_packages clang++:clang clang-format:clang-format clang-tidy:clang-tidy git:git gcovr:gcovr
+}
+
+# What the manual needs.
+setup_docs_machine() {
+  ensure_packages doxygen:doxygen
 }
 
 # What the benchmarks need: the tool, the peers, the charts.
