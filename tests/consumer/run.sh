@@ -7,14 +7,15 @@ build=$(cd "$1" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-"$here/extract_readme.sh" "$work"
+mkdir "$work/samples"
+"$here/extract_samples.sh" "$work/samples"
 cmake --install "$build" --prefix "$work/built" >/dev/null
 mv "$work/built" "$work/moved"  # nothing may remember where it was installed first
 libdir=$(dirname "$(find "$work/moved" -name libtcp_com.so)")
 
 echo "== find_package"
 cmake -S "$here" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$work/moved" \
-  -DREADME_DIR="$work" -DCMAKE_CXX_FLAGS="${CXXFLAGS-}" >/dev/null
+  -DSAMPLES_DIR="$work/samples" -DCMAKE_CXX_FLAGS="${CXXFLAGS-}" >/dev/null
 cmake --build "$work/cmake" >/dev/null
 
 echo "== pkg-config"
@@ -23,7 +24,7 @@ read -ra flags <<<"$(pkg-config --cflags --libs tcp_com)"
 mkdir "$work/pkg"
 for name in server command_server client; do
   # shellcheck disable=SC2086
-  g++ -std=c++17 ${CXXFLAGS-} "$work/readme_$name.cpp" -o "$work/pkg/$name" "${flags[@]}"
+  g++ -std=c++17 ${CXXFLAGS-} "$work/samples/$name.cpp" -o "$work/pkg/$name" "${flags[@]}"
 done
 
 export LD_LIBRARY_PATH="$libdir"
