@@ -52,19 +52,22 @@ class Mock {
  public:
   explicit Mock(std::vector<std::string> words) {
     int pipe[2];
-    if (pipe2(pipe, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    if (pipe2(pipe, O_CLOEXEC) != 0) return;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, pipe[1], STDERR_FILENO);
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
-    const int error = posix_spawnp(&pid_, arguments[0], &actions, nullptr, &arguments[0], environ);
+    const int error =
+        posix_spawnp(&pid_, arguments[0], &actions, nullptr, arguments.data(), environ);
+    if (error != 0) pid_ = -1;
     posix_spawn_file_actions_destroy(&actions);
     close(pipe[1]);
     notes_ = fdopen(pipe[0], "r");
     char line[256] = "";
-    if (error == 0) std::fgets(line, sizeof line, notes_);
+    if (notes_ == nullptr || std::fgets(line, sizeof line, notes_) == nullptr) return;
     const char* port = std::strrchr(line, ':');  // "listening on 127.0.0.1:PORT"
     if (port != nullptr) port_ = std::atoi(port + 1);
   }
@@ -73,9 +76,10 @@ class Mock {
   ~Mock() {
     if (pid_ > 0) kill(pid_, SIGTERM);
     if (pid_ > 0) waitpid(pid_, nullptr, 0);
-    std::fclose(notes_);
+    if (notes_ != nullptr) std::fclose(notes_);
   }
 
+  /// @return its port, 0 if it could not be started
   int port() const { return port_; }
 
  private:
