@@ -235,7 +235,8 @@ TEST(Manual, TroubleshootingHasTheLogTextsOfTheSources) {
   for (const std::string& text : onPage) {
     EXPECT_TRUE(std::regex_search(code, asPattern('"' + text + '"', "%[a-z]+"))) << text;
   }
-  for (const std::string& text : found(code, R"-(BRIX_LOG_ERROR\(\s*"(.*?)"[,)])-")) {
+  for (const std::string& text :
+       found(code, R"-((?:BRIX_LOG_ERROR\(|ERR_COMMUNICATION,)\s*"(.*?)"[,)])-")) {
     const bool told = std::any_of(onPage.begin(), onPage.end(), [&](const std::string& shown) {
       return std::regex_match(text, asPattern(shown, "%[a-z]+"));
     });

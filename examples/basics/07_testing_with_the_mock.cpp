@@ -66,10 +66,12 @@ class Mock {
     posix_spawn_file_actions_destroy(&actions);
     close(pipe[1]);
     notes_ = fdopen(pipe[0], "r");
-    char line[256] = "";
-    if (notes_ == nullptr || std::fgets(line, sizeof line, notes_) == nullptr) return;
-    const char* port = std::strrchr(line, ':');  // "listening on 127.0.0.1:PORT"
-    if (port != nullptr) port_ = std::atoi(port + 1);
+    constexpr char kText[] = "listening on 127.0.0.1:";
+    char line[256];
+    while (port_ == 0 && notes_ != nullptr && std::fgets(line, sizeof line, notes_) != nullptr) {
+      const char* text = std::strstr(line, kText);
+      if (text != nullptr) port_ = std::atoi(text + std::strlen(kText));
+    }
   }
   Mock(const Mock&) = delete;
   Mock& operator=(const Mock&) = delete;
