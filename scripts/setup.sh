@@ -45,6 +45,7 @@ setup_check_machine() {
   setup_test_machine
   setup_package_machine
   setup_abi_machine
+  setup_docs_machine
   ensure_packages clang++:clang clang-format:clang-format clang-tidy:clang-tidy git:git gcovr:gcovr
 }
 
@@ -58,6 +59,11 @@ setup_package_machine() {
 setup_abi_machine() {
   setup_build_machine
   ensure_packages abidiff:abigail-tools git:git
+}
+
+# What the manual needs.
+setup_docs_machine() {
+  ensure_packages doxygen:doxygen
 }
 
 # What the benchmarks need: the tool, the peers, the charts.

@@ -13,6 +13,7 @@
 
 namespace {
 
+using test::portOf;
 using test::Program;
 using test::RawListener;
 using test::RawSocket;
@@ -35,14 +36,6 @@ Words tcpcom(const std::string& words, int port = 0, const std::string& file = {
     result.push_back(word);
   }
   return result;
-}
-
-/// @return the port that a serving run tells
-int portOf(const Program& server) {
-  constexpr char kText[] = "listening on 127.0.0.1:";
-  EXPECT_TRUE(server.says(kText));
-  const std::string err = server.err();
-  return std::atoi(err.c_str() + err.find(kText) + sizeof kText - 1);
 }
 
 /// A mock controller that plays kScript.

@@ -12,6 +12,7 @@ namespace brix_json {
 
 /// Writes a value as compact text: one line, never a raw CR or LF.
 ///
+/// @param root  the value
 /// @param precision  significant digits of floating-point numbers; every message uses kPrecision
 /// @throws what JsonCpp throws
 ///

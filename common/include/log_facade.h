@@ -194,6 +194,7 @@ class BRIX_LOG_API LogManager {
   /// Writes one line.
   ///
   /// @param file, line  place of the call
+  /// @param level  of the line
   /// @param fmt  printf format with three extras: "%b" takes a bool and prints true or false; a
   ///   leading "%c" takes a colour word or escape (`const char*`) for the line; a leading "%C"
   ///   takes an int, a LogColor value or 256 for the palette colour. The kit's macro passes the

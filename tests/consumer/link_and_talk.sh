@@ -1,16 +1,17 @@
 #!/usr/bin/env bash
-# Builds the README's programs against an installed tree, through find_package and through pkg-config,
+# Builds the programs of README and manual against an installed tree, through find_package and through pkg-config,
 # and lets them talk. Usage: link_and_talk.sh PREFIX WORK_DIR
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 prefix=$1
 work=$2
 libdir=$(dirname "$(find "$prefix" -name libtcp_com.so)")
-"$here/extract_readme.sh" "$work"
+mkdir "$work/samples"
+"$here/extract_samples.sh" "$work/samples"
 
 echo "== find_package"
 cmake -S "$here" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
-  -DREADME_DIR="$work" -DCMAKE_CXX_FLAGS="${CXXFLAGS-}" >/dev/null
+  -DSAMPLES_DIR="$work/samples" -DCMAKE_CXX_FLAGS="${CXXFLAGS-}" >/dev/null
 grep -qF "tcp_com_DIR:PATH=$prefix" "$work/cmake/CMakeCache.txt"  # and not one of this machine's
 cmake --build "$work/cmake" >/dev/null
 
@@ -20,7 +21,7 @@ read -ra flags <<<"$(pkg-config --cflags --libs tcp_com)"
 mkdir "$work/pkg"
 for name in server command_server client; do
   # shellcheck disable=SC2086
-  g++ -std=c++17 ${CXXFLAGS-} "$work/readme_$name.cpp" -o "$work/pkg/$name" "${flags[@]}"
+  g++ -std=c++17 ${CXXFLAGS-} "$work/samples/$name.cpp" -o "$work/pkg/$name" "${flags[@]}"
 done
 
 export LD_LIBRARY_PATH="$libdir"

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -107,5 +108,13 @@ class Program {
   TempFolder folder_;
   pid_t pid_ = -1;
 };
+
+/// @return the port of this machine that a serving run tells; throws if it tells none
+inline int portOf(const Program& server) {
+  constexpr char kText[] = "listening on 127.0.0.1:";
+  check(server.says(std::string(kText)), "serving");
+  const std::string said = server.out() + server.err();
+  return std::atoi(said.c_str() + said.find(kText) + sizeof kText - 1);
+}
 
 }  // namespace test

@@ -5,8 +5,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <thread>
+#include <utility>
 
 #include "status.h"
 
@@ -39,25 +41,32 @@ Address parse(const std::string& text, int leastPort) {
   return {host, parsePort(text.substr(colon + 1), leastPort, text)};
 }
 
+struct LookUpResult {
+  int error = 0;
+  std::vector<SocketAddress> found;
+};
+
 /// What the looking-up thread shares with whoever waits for it, and may give up.
 struct LookUp {
   Address address;
-  int error = 0;
-  std::vector<SocketAddress> found;
-  Descriptor done;  // its closing tells that the look-up has ended
+  std::promise<LookUpResult> result;
+  Descriptor done;  // its closing, which can be polled for, tells that the result is there
 
   void run() {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* list = nullptr;
-    error = getaddrinfo(address.host.c_str(), std::to_string(address.port).c_str(), &hints, &list);
+    const std::string port = std::to_string(address.port);
+    LookUpResult made;
+    made.error = getaddrinfo(address.host.c_str(), port.c_str(), &hints, &list);
     for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
       SocketAddress one;
       std::memcpy(&one.storage, entry->ai_addr, entry->ai_addrlen);
       one.size = entry->ai_addrlen;
-      found.push_back(one);
+      made.found.push_back(one);
     }
     if (list != nullptr) freeaddrinfo(list);
+    result.set_value(std::move(made));
     done = Descriptor();
   }
 };
@@ -91,11 +100,12 @@ Wake resolve(const Waiter& waiter, const Address& address, TimePoint until,
   std::thread([lookUp] { lookUp->run(); }).detach();
   const Wake wake = waiter.waitFor(over.get(), POLLIN, until);
   if (wake != Wake::Ready) return wake;
-  if (lookUp->found.empty()) {
+  LookUpResult result = lookUp->result.get_future().get();
+  if (result.found.empty()) {
     throw Failure(Status::NoConnection,
-                  "cannot find \"" + address.host + "\": " + gai_strerror(lookUp->error));
+                  "cannot find \"" + address.host + "\": " + gai_strerror(result.error));
   }
-  found = lookUp->found;
+  found = std::move(result.found);
   return wake;
 }
 

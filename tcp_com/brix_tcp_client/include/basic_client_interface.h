@@ -48,6 +48,7 @@ class TCP_COM_API BasicClientInterface {
   /// Waits for bytes about `ms` milliseconds, or until wakeReader(). In the base with
   /// waitReadable() and recieveMsg(), 50 ms at most. A transport whose recieveMsg() returns an
   /// empty text for "nothing yet" must override this: in the base that is the end.
+  /// @param ms  milliseconds
   /// @param chunk  gets a chunk of the stream; empty if none came
   /// @return false if none will come any more: the stream has ended, failed, or never began
   virtual bool recieveMsgWithin(double ms, std::string& chunk);

@@ -29,6 +29,7 @@ class TCP_COM_API TcpClient : public BasicClientInterface {
   /// Opens nothing.
   /// @param ip  dotted IPv4 address. It is not checked: an address that does not parse stands for
   ///   0.0.0.0, this machine.
+  /// @param port  1 to 65535; with another one connecting fails
   TcpClient(const std::string& ip, int port);
 
   /// Leaves a socket that is still open to the process, on purpose: the owner closes it first.

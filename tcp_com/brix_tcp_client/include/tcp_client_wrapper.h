@@ -46,6 +46,7 @@ class TCP_COM_API TcpClientWrapper : public ThreadUnit {
   /// first and pauses 3 s. Two threads that connect do so one after the other; inside a listener it
   /// gives way, and fails, while another thread connects.
   /// @param ip  dotted IPv4 address; one that does not parse stands for this machine
+  /// @param port  1 to 65535; with another one connecting fails
   /// @return 1 when connected; -1 if not, or if a thread could not be started
   int connectSocket(const std::string& ip, int port);
 

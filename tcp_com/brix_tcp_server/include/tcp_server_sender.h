@@ -27,6 +27,7 @@ class TCP_COM_API TcpServerBroadcaster {
 
   /// Registers a send function for a socket; an earlier one for that socket is replaced.
   /// @param fn  gets the socket and each text. It may block: that holds up all others.
+  /// @param socket  connected descriptor, which stays the caller's
   /// @return a name that differs in each call, such as "tcp_7_1"
   std::string attachListener(std::function<void(int, const std::string&)> fn, int socket);
 
