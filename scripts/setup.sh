@@ -46,6 +46,7 @@ setup_check_machine() {
   setup_package_machine
   setup_abi_machine
   setup_docs_machine
+  setup_bench_machine
   ensure_packages clang++:clang clang-format:clang-format clang-tidy:clang-tidy git:git gcovr:gcovr
 }
 
