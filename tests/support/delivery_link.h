@@ -46,6 +46,7 @@ struct Client : StateClient {
     client->setHeartbeatMode(false);
     client->registerMsgListener([this](const std::string& msg) { onMsg(msg); });
   }
+  ~Client() { client.reset(); }  // before the function that it calls
   std::function<void(const std::string&)> onMsg = [](const auto&) {};
 };
 
