@@ -16,7 +16,8 @@ constexpr char kHexDigits[] = "0123456789abcdef";
 
 std::string hexOf(const std::string& bytes) {
   std::string hex;
-  for (const unsigned char byte : bytes) {
+  for (const char each : bytes) {
+    const auto byte = static_cast<unsigned char>(each);
     hex += kHexDigits[byte / 16];
     hex += kHexDigits[byte % 16];
   }
