@@ -178,7 +178,7 @@ TEST_F(BrixTcpServerTest, OptionsThatAreBeingSetPreventNoStart) {
 }
 
 TEST_F(BrixTcpServerTest, AStopTellsTheEndOfEveryClient) {
-  for (const std::size_t clients : {1, 3, 1, 3}) {
+  for (const std::size_t clients : {1u, 3u, 1u, 3u}) {
     Subject subject;
     subject.open();
     std::vector<RawSocket> sockets;
