@@ -18,7 +18,7 @@ namespace brix {
 namespace {
 
 constexpr int kMsPerSecond = 1000;
-constexpr int kUsPerMs = 1000;
+constexpr suseconds_t kUsPerMs = 1000;
 
 /// Again after a signal that came before any byte went.
 ssize_t sendOnce(int fd, const void* data, std::size_t size, int flags) noexcept {
