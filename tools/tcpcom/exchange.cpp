@@ -8,6 +8,8 @@ namespace {
 
 namespace envelope = brix::envelope;
 
+constexpr double kDrainS = 0.1;  // a peer that never pauses must not keep the request back
+
 /// @return the text of the member "command"; nothing if there is none
 std::optional<std::string> commandOf(const Json::Value& value) {
   if (!value.isObject()) return std::nullopt;
@@ -21,19 +23,20 @@ std::string heartbeatText() {
   return compactJson(envelope::heartbeatRequest());
 }
 
-Wake Exchange::idle(TimePoint until) {
+Wake Exchange::receive(TimePoint until, TimePoint latest) {
   Message message;
   Wake wake = Wake::Ready;
   while ((wake = session_.next(message, until)) == Wake::Ready) {
     if (onOther_) onOther_(message);
-    if (Clock::now() >= until) return Wake::TimedOut;
+    if (Clock::now() >= latest) return Wake::TimedOut;
   }
   return wake;
 }
 
 Wake Exchange::ask(const std::string& command, const std::string& request, TimePoint until,
                    Reply& reply, std::optional<Reply>* rejection) {
-  if (const Wake wake = idle(Clock::now()); wake != Wake::TimedOut) return wake;
+  const TimePoint now = Clock::now();
+  if (const Wake wake = receive(now, after(kDrainS, now)); wake != Wake::TimedOut) return wake;
   const TimePoint sent = Clock::now();
   session_.send(request);
   Message message;

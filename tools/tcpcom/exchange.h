@@ -33,9 +33,12 @@ class Exchange {
            std::optional<Reply>* rejection = nullptr);
 
   /// Receives until then.
-  Wake idle(TimePoint until);
+  Wake idle(TimePoint until) { return receive(until, until); }
 
  private:
+  /// Receives until then, and what has come by then as long as it is not later than `latest`.
+  Wake receive(TimePoint until, TimePoint latest);
+
   Session& session_;
   OnOther onOther_;
 };
