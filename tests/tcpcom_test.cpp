@@ -366,7 +366,7 @@ TEST(Tcpcom, DrawsABench) {
   const std::string svg = test::contentOf(file);
   EXPECT_EQ(svg.rfind("<svg ", 0), 0U) << svg;
   EXPECT_NE(svg.find("10 values"), std::string::npos) << svg;
-  check({{"bench PEER -C 1 --svg FILE", 1, "request", "cannot write"}}, mock.port(), "/nowhere/x");
+  check({{"bench PEER --svg FILE", 1, nullptr, "cannot write"}}, mock.port(), "/nowhere/x");
 }
 
 TEST(Tcpcom, DoctorFindsWhoHoldsAPort) {

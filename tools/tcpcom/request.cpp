@@ -22,7 +22,7 @@ struct RequestOptions {
 
 void show(const Output& out, const Reply& reply) {
   if (out.raw()) return out.line(reply.text);
-  if (!out.json()) return out.line(printable(oneLine(reply.text, reply.value)));
+  if (!out.json()) return out.line(printable(exactLine(reply.text).value_or(reply.text)));
   out.line(JsonLine().number("ms", reply.ms).message(reply.text).str());
 }
 
@@ -52,9 +52,10 @@ Status request(const Run& run, const RequestOptions& options) {
   run.out.detail("answered after " + fixed(reply.ms, 3) + " ms");
   const Status status = statusOf(reply);
   if (status != Status::Done) {
+    const Json::Value& msg = reply.value[envelope::kMsgKey];
     throw Failure(status, "the server answered with code " +
-                              plainText(reply.value[envelope::kCodeKey]) + ": " +
-                              printable(plainText(reply.value[envelope::kMsgKey])));
+                              compactJson(reply.value[envelope::kCodeKey]) +
+                              (msg.isNull() ? "" : ": " + plainText(msg)));
   }
   return status;
 }
