@@ -107,10 +107,14 @@ std::optional<std::string> exactLine(const std::string& text) {
   if (!survivesAs(text, compactJson(Json::Value(text)))) return std::nullopt;
   std::string line;
   bool inString = false;
+  char before = '\0';  // apart from blanks
   for (std::size_t i = text.rfind(kByteOrderMark, 0) == 0 ? 3 : 0; i < text.size(); ++i) {
     const char byte = text[i];
     if (byte == '"') inString = !inString;
+    if (!inString && byte == '}' && before == ',') return std::nullopt;
+    if (std::strchr(" \t\r\n", byte) == nullptr) before = byte;
     if (static_cast<unsigned char>(byte) < 0x20) {
+      if (byte == '\0' && !inString) return std::nullopt;  // the parser stops at it
       line += inString ? "\\u00" + hexOf({byte}) : " ";
     } else if (inString && byte == '\\' && i + 1 < text.size()) {
       line += {byte, text[++i]};
