@@ -47,18 +47,24 @@ class Reader {
   }
 
   /// @param value  tells the line
-  void require(bool good, const Json::Value& value, const std::string& rule) const {
-    if (good) return;
+  [[noreturn]] void refuse(const Json::Value& value, const std::string& why) const {
     const auto line = 1 + std::count(text_.begin(), text_.begin() + value.getOffsetStart(), '\n');
-    refuse(", line " + std::to_string(line) + ": " + rule);
+    refuse(", line " + std::to_string(line) + ": " + why);
+  }
+
+  void require(bool good, const Json::Value& value, const std::string& rule) const {
+    if (!good) refuse(value, rule);
   }
 
   void requireKeys(const Json::Value& value, const std::vector<std::string>& known,
                    const std::string& what) const {
     require(value.isObject(), value, what + " must be an object");
-    for (const std::string& name : value.getMemberNames()) {
-      const bool found = std::find(known.begin(), known.end(), name) != known.end();
-      require(found, value[name], what + " has an unknown member \"" + name + "\"");
+    const auto names = value.getMemberNames();
+    const auto unknown = std::find_if(names.begin(), names.end(), [&](const std::string& name) {
+      return std::find(known.begin(), known.end(), name) == known.end();
+    });
+    if (unknown != names.end()) {
+      refuse(value[*unknown], what + " has an unknown member \"" + *unknown + "\"");
     }
   }
 
@@ -71,10 +77,10 @@ class Reader {
   MockBroadcast broadcast(const Json::Value& entry) const {
     requireKeys(entry, {"periodMs", "text"}, "a broadcast");
     const Json::Value& period = entry["periodMs"];
-    require(period.isNumeric() && period.asDouble() >= 0.1 && period.asDouble() <= 1e9, period,
+    require(period.isNumeric() && period.asDouble() >= 0.1 && period.asDouble() <= 1e9, entry,
             "\"periodMs\" must be a number from 0.1 to 1e9");
     const Json::Value& text = entry["text"];
-    require(text.isObject() || (text.isString() && !text.asString().empty()), text,
+    require(text.isObject() || (text.isString() && !text.asString().empty()), entry,
             "a broadcast's \"text\" must be an object, or a string that is not empty");
     return {period.asDouble(), text};
   }

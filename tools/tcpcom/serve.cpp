@@ -76,6 +76,7 @@ class Broadcaster {
 
 std::vector<Fault> parseFaults(const std::vector<std::string>& texts) {
   std::vector<Fault> faults;
+  faults.reserve(texts.size());
   for (const std::string& text : texts) faults.push_back(parseFault(text));
   return faults;
 }
