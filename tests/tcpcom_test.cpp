@@ -2,105 +2,42 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <pty.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <sstream>
 
 #include "program.h"
 #include "raw_socket.h"
+#include "tcpcom_run.h"
 
 namespace {
 
+using test::expectRuns;
+using test::Mock;
+using test::objectsIn;
 using test::portOf;
 using test::Program;
 using test::RawListener;
 using test::RawSocket;
+using test::Row;
+using test::tcpcom;
 using test::TempFolder;
-using Words = std::vector<std::string>;
-
-constexpr char kScript[] =
-    R"({"replies": {"get_state": {"state": "idle"}, "refuse": {"code": -5, "msg": "no"}},
-        "broadcasts": [{"periodMs": 5, "text": {"command": "state", "count": "$count"}}],
-        "echo": ["id"]})";
-
-/// @param words  separated by blanks; PEER, PORT and FILE stand for these
-Words tcpcom(const std::string& words, int port = 0, const std::string& file = {}) {
-  Words result{TCPCOM_PROGRAM};
-  std::istringstream stream(words);
-  for (std::string word; stream >> word;) {
-    if (word == "PEER") word = "127.0.0.1:" + std::to_string(port);
-    if (word == "PORT") word = std::to_string(port);
-    if (word == "FILE" || word == "@FILE") word.replace(word.size() - 4, 4, file);
-    result.push_back(word);
-  }
-  return result;
-}
-
-/// A mock controller that plays kScript.
-class Mock {
- public:
-  explicit Mock(const std::string& options = {})
-      : program_(tcpcom("serve 0 FILE " + options, 0, folder_.file("script", kScript))),
-        port_(portOf(program_)) {}
-
-  int port() const { return port_; }
-  Program& program() { return program_; }
-
- private:
-  TempFolder folder_;
-  Program program_;
-  const int port_;
-};
-
-std::vector<Json::Value> objectsIn(const std::string& text) {
-  std::vector<Json::Value> objects;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream one(line);
-    objects.emplace_back();
-    EXPECT_NO_THROW(one >> objects.back()) << line;
-    EXPECT_TRUE(objects.back().isObject()) << line;
-  }
-  return objects;
-}
-
-struct Row {
-  const char* words;
-  int status;
-  const char* out = nullptr;  // part of standard output; null: it is empty
-  const char* err = nullptr;  // the same of standard error
-  const char* input = "";
-};
-
-/// Runs each row; `port` is what PEER and PORT stand for.
-void check(const std::vector<Row>& rows, int port, const std::string& file = {}) {
-  const auto holds = [](const std::string& text, const char* part) {
-    return part == nullptr ? text.empty() : text.find(part) != std::string::npos;
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.words);
-    Program run(tcpcom(row.words, port, file), row.input);
-    EXPECT_EQ(run.status(), row.status);
-    EXPECT_TRUE(holds(run.out(), row.out)) << run.out();
-    EXPECT_TRUE(holds(run.err(), row.err)) << run.err();
-  }
-}
 
 TEST(Tcpcom, SpeaksWithAServerOfEitherFamily) {
   for (const char* family : {"state", "command"}) {
     SCOPED_TRACE(family);
     Mock mock(std::string("--family ") + family);
     TempFolder folder;
-    check(
+    expectRuns(
         {
             {"ping PEER -C 3 -i 0.01", 0, "3 sent, 3 answered, 0.0 % lost"},
             {"ping PEER -C 1 --json", 0, R"({"sent":1,"answered":1,"minMs":)"},
             {"ping PEER -C 1 --raw", 0, R"("command":"heartbeat")"},
             {"-v request PEER get_state {\"id\":[7]}", 0, R"("id":[7],)", "answered after"},
             {"request PEER get_state - --raw", 0, R"("id":"a b")", nullptr,
-             "{\n\"id\":\"a b\"}\r\n"},
+             "{\n\"id\":\"a b\",\"n\":12345678901234567890123}\r\n"},
             {"request PEER get_state @FILE", 0, R"("id":1)"},
             {"request PEER get_state @FILE --json", 0, R"("message":{"code":1,)"},
             {"request PEER watch", 6, "cannot found command handle", "code -2"},
@@ -110,12 +47,13 @@ TEST(Tcpcom, SpeaksWithAServerOfEitherFamily) {
             {"watch PEER -C 2 --filter command=state", 0, R"( B  {"command":"state","count":)"},
             {"watch PEER -C 3 --json", 0, R"("message":{"command":"state")"},
             {"watch PEER -C 3 --plot count", 0, "\u2588"},
-            {"watch PEER -C 1 --plot count --json", 0, R"("value":)"},
+            {"watch PEER -C 1 --plot v --json --filter v=0.10", 0, R"("value":0.1})"},
             {"bench PEER -C 20", 0, "request         20"},
             {"bench PEER get_state -C 5 --json", 0, R"({"measured":"request","count":5,)"},
         },
         mock.port(), folder.file("members", R"({"id":1})"));
-    for (const char* text : {"from-send", "line-1", "get_state"}) {
+    for (const char* text :
+         {"from-send", "line-1", R"(get_state", "id":"a b","n":12345678901234567890123})"}) {
       EXPECT_TRUE(mock.program().says(std::string("\"command\":\"") + text)) << text;
     }
   }
@@ -123,25 +61,27 @@ TEST(Tcpcom, SpeaksWithAServerOfEitherFamily) {
 
 TEST(Tcpcom, ATimeForTheRunIsNoFailureIfAnythingCame) {
   Mock mock;
-  check({{"watch PEER -W 3 --raw", 0, "{\"command\":\"state\",\"count\":"},
-         {"watch PEER -W 3 --rate", 0, " messages/s"},
-         {"bench PEER -C 0 -W 3", 0, "request          0"},
-         {"watch PEER -W 1 --filter command=none", 4, nullptr, "no such message"},
-         {"watch PEER -W 1 -C 1000000 -q --raw", 4, "count", "fewer messages"}},
-        mock.port());
+  expectRuns({{"watch PEER -W 3 --raw", 0, "{\"command\":\"state\",\"count\":"},
+              {"watch PEER -W 3 --rate", 0, " messages/s"},
+              {"bench PEER -C 0 -W 3", 0, "request          0"},
+              {"watch PEER -W 1 --filter command=none", 4, nullptr, "no such message"},
+              {"watch PEER -W 1 --plot command", 4, nullptr, "no such message"},
+              {"watch PEER -W 1 -C 1000000 -q --raw", 4, "count", "fewer messages"}},
+             mock.port());
 }
 
 TEST(Tcpcom, TheCodeOfTheScriptCountsInTheStateFamily) {
   Mock state("--family state"), command;
-  check({{"request PEER refuse", 6, R"("code":-5)", "code -5: no"}}, state.port());
-  check({{"request PEER refuse", 0, R"("code":1)"}}, command.port());
+  expectRuns({{"request PEER refuse", 6, R"("code":-5)", "code -5: no"}}, state.port());
+  expectRuns({{"request PEER refuse", 0, R"("code":1)"}}, command.port());
 }
 
 TEST(Tcpcom, RefusesWhatItCannotUse) {
   TempFolder folder;
-  check(
+  expectRuns(
       {
           {"", 2, nullptr, "A subcommand is required"},
+          {"--raw ping PEER --json", 2, nullptr, R"("status":2})"},
           {"--json nonsense", 2, nullptr, R"("status":2})"},
           {"ping", 2, nullptr, "PEER is required"},
           {"ping somewhere", 2, nullptr, "is no HOST:PORT"},
@@ -150,27 +90,28 @@ TEST(Tcpcom, RefusesWhatItCannotUse) {
           {"ping PEER -W nan", 2, nullptr, "is no number from 0 up"},
           {"ping PEER -C -1", 2, nullptr, "is no whole number"},
           {"request PEER x {bad", 2, nullptr, "is not JSON"},
+          {"request PEER x {\"a\":01}", 2, nullptr, "a wrong number"},
+          {"request PEER x --match id", 2, nullptr, "holds no \"id\""},
           {"request PEER x [1]", 2, nullptr, "is no JSON object"},
           {"request PEER x {\"command\":1}", 2, nullptr, "must not hold \"command\""},
-          {"request PEER x @/nowhere", 2, nullptr, "cannot read \"/nowhere\""},
           {"request PEER x @/tmp", 2, nullptr, "cannot read \"/tmp\""},
           {"watch PEER --filter =1", 2, nullptr, "is no KEY=VALUE"},
           {"watch PEER --rate --plot a", 2, nullptr, "excludes"},
-          {"serve 0 FILE", 2, nullptr, "unknown member \"reply\""},
+          {"serve 0 FILE", 2, nullptr, "line 2: the script has an unknown member \"reply\""},
           {"serve 0 --fault slow", 2, nullptr, "there are silent, delay"},
           {"serve 0 --fault delay=5", 2, nullptr, "no time such as"},
           {"serve 0 --fault drop=101%", 2, nullptr, "needs a share"},
-          {"serve 0 --fault silent@soon", 2, nullptr, "no time such as"},
+          {"serve 0 --family 1", 2, nullptr, "not in {state,command}"},
           {"replay 0 FILE", 2, nullptr, "no recording of this version"},
           {"doctor 0", 2, nullptr, "from 1 to 65535"},
       },
-      1, folder.file("script", R"({"reply":{}})"));
+      1, folder.file("script", "{\n\"reply\":{}}"));
 }
 
 TEST(Tcpcom, TellsThatThereIsNoConnection) {
   const int port = RawListener::unusedPort();
   TempFolder folder;
-  check(
+  expectRuns(
       {
           {"ping PEER", 3, nullptr, "Connection refused"},
           {"request PEER x", 3, nullptr, "Connection refused"},
@@ -179,7 +120,7 @@ TEST(Tcpcom, TellsThatThereIsNoConnection) {
           {"record PEER FILE -q", 3, nullptr, "Connection refused"},
           {"bench PEER", 3, nullptr, "Connection refused"},
           {"ping PEER --retry 1 -v", 3, nullptr, "trying again"},
-          {"ping nowhere.invalid:80", 3, nullptr, "cannot find \"nowhere.invalid\""},
+          {"ping nowhere.invalid:80 --retry 1 -v", 3, nullptr, "; trying again"},
       },
       port, folder.path("record"));
   EXPECT_FALSE(std::filesystem::exists(folder.path("record")));
@@ -187,7 +128,10 @@ TEST(Tcpcom, TellsThatThereIsNoConnection) {
 
 TEST(Tcpcom, ASilentPeerIsATimeOut) {
   RawListener silent;  // the kernel accepts, nobody answers
-  check(
+  TempFolder folder;
+  const std::string pipe = folder.path("pipe");  // without another end
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  expectRuns(
       {
           {"ping PEER -C 2 -i 0 --reply-timeout 0.1", 4, "2 sent, 0 answered", "no reply"},
           {"request PEER x --reply-timeout 0.1", 4, nullptr, "did not answer \"x\" in time"},
@@ -196,18 +140,51 @@ TEST(Tcpcom, ASilentPeerIsATimeOut) {
           {"record PEER - -W 1 -q", 4, R"({"tcpcom":1)", "fewer messages"},
           {"bench PEER -C 1 --reply-timeout 0.1 -q", 4, "request          0", "no request"},
           {"send PEER x", 0},
+          {"request PEER x @FILE -W 1", 4, nullptr, "does not end"},
+          {"record PEER FILE -W 1", 4, nullptr, "is not read"},
       },
-      silent.port());
+      silent.port(), pipe);
+}
+
+TEST(Tcpcom, AResetIsALostLinkForASenderToo) {
+  RawListener listener;
+  Program send(tcpcom("send PEER x --linger 60", listener.port()));
+  RawSocket peer = listener.accept();
+  EXPECT_EQ(peer.read(3), "x\r\n");
+  peer.reset();
+  EXPECT_EQ(send.status(), 5) << send.err();
+}
+
+TEST(Tcpcom, TakesTheReplyThatIsItsOwnAndShowsItAsJson) {
+  const struct {
+    const char *options, *replies, *out;
+  } rows[] = {
+      {" --match id",
+       "{\"command\":\"x\",\"a\":0}\r\n{\"command\":\"x\",\"id\":8}\r\n"
+       "{\"command\":\"x\",\"code\":-2}\r\n{\"command\":\"x\",\"id\":7,\"a\":\"\x1B\"}\r\n",
+       R"("message":{"command":"x","id":7,"a":"\u001b"}})"},
+      {"", "{\"command\":\"x\",\"a\":01}\r\n", R"("text":"{\"command\":\"x\",\"a\":01}")"},
+      {"", "{\"command\":\"x\",\"a\":\"\xFF\"}\r\n", R"("hex":"7b)"},
+  };
+  for (const auto& [options, replies, out] : rows) {
+    RawListener listener;
+    Program run(tcpcom(std::string("request PEER x {\"id\":7} --json") + options, listener.port()));
+    const RawSocket peer = listener.accept();
+    EXPECT_EQ(peer.read(24), "{\"command\":\"x\",\"id\":7}\r\n");
+    peer.send(replies);
+    EXPECT_EQ(run.status(), 0) << run.err();
+    EXPECT_NE(run.out().find(out), std::string::npos) << run.out();
+  }
 }
 
 TEST(Tcpcom, TellsThatItCannotListen) {
   RawListener taken;
   TempFolder folder;
   const auto file = folder.file("record", "{\"tcpcom\":1}\n{\"t\":0,\"text\":\"a\"}\n");
-  check({{"serve PORT", 7, nullptr, "Address already in use"},
-         {"replay PORT FILE --json", 7, nullptr, R"("status":7})"}},
-        taken.port(), file);
-  check({{"serve 192.0.2.1:1", 7, nullptr, "cannot listen on 192.0.2.1:1"}}, 0);
+  expectRuns({{"serve PORT", 7, nullptr, "Address already in use"},
+              {"replay PORT FILE --json", 7, nullptr, R"("status":7})"}},
+             taken.port(), file);
+  expectRuns({{"serve 192.0.2.1:1", 7, nullptr, "cannot listen on 192.0.2.1:1"}}, 0);
 }
 
 TEST(Tcpcom, ShowsFaults) {
@@ -224,7 +201,7 @@ TEST(Tcpcom, ShowsFaults) {
   for (const auto& [fault, row] : rows) {
     SCOPED_TRACE(fault);
     Mock mock(std::string("--fault ") + fault);
-    check({row}, mock.port());
+    expectRuns({row}, mock.port());
   }
 }
 
@@ -311,12 +288,24 @@ TEST(Tcpcom, EndsCleanlyWhenInterrupted) {
   }
 }
 
+TEST(Tcpcom, NohupKeepsItAlive) {
+  Mock mock;
+  std::signal(SIGHUP, SIG_IGN);
+  Program run(tcpcom("ping PEER -C 100 -i 0.01", mock.port()));
+  std::signal(SIGHUP, SIG_DFL);
+  EXPECT_TRUE(run.says("seq=2")) << run.err();
+  run.signal(SIGHUP);
+  EXPECT_EQ(run.status(), 0) << run.out();
+}
+
 TEST(Tcpcom, AReaderThatLeavesIsNoFailureAndAFullDiskIsOne) {
   Mock mock;
   const RawSocket full(open("/dev/full", O_WRONLY | O_CLOEXEC));
-  Program kept(tcpcom("watch PEER", mock.port()), "", full.fd());
-  EXPECT_EQ(kept.status(), 1);
-  EXPECT_NE(kept.err().find("No space left"), std::string::npos) << kept.err();
+  for (const char* words : {"watch PEER", "--help"}) {
+    Program kept(tcpcom(words, mock.port()), "", full.fd());
+    EXPECT_EQ(kept.status(), 1);
+    EXPECT_NE(kept.err().find("No space left"), std::string::npos) << kept.err();
+  }
   RawListener silent;
   for (const int port : {mock.port(), silent.port()}) {
     int ends[2];
@@ -362,11 +351,11 @@ TEST(Tcpcom, DrawsABench) {
   Mock mock;
   TempFolder folder;
   const auto file = folder.path("svg");
-  check({{"bench PEER get_state -C 10 --svg FILE", 0, "request"}}, mock.port(), file);
+  expectRuns({{"bench PEER get_state -C 10 --svg FILE", 0, "request"}}, mock.port(), file);
   const std::string svg = test::contentOf(file);
   EXPECT_EQ(svg.rfind("<svg ", 0), 0U) << svg;
   EXPECT_NE(svg.find("10 values"), std::string::npos) << svg;
-  check({{"bench PEER -C 1 --svg FILE", 1, "request", "cannot write"}}, mock.port(), "/nowhere/x");
+  expectRuns({{"bench PEER --svg FILE", 1, nullptr, "cannot write"}}, mock.port(), "/nowhere/x");
 }
 
 TEST(Tcpcom, DoctorFindsWhoHoldsAPort) {
@@ -381,7 +370,7 @@ TEST(Tcpcom, DoctorFindsWhoHoldsAPort) {
   for (const auto& finding : findings) {
     EXPECT_EQ(finding["ok"].asBool(), !finding.isMember("advice")) << finding;
   }
-  check({{"doctor PORT", 0, " is free"}}, RawListener::unusedPort());
+  expectRuns({{"doctor PORT", 0, " is free"}}, RawListener::unusedPort());
 }
 
 TEST(Tcpcom, ItsManualKnowsEverySubcommand) {
@@ -389,7 +378,7 @@ TEST(Tcpcom, ItsManualKnowsEverySubcommand) {
   for (const std::string name :
        {"ping", "request", "send", "watch", "record", "replay", "serve", "bench", "doctor"}) {
     const std::string help = name + " --help";
-    check({{help.c_str(), 0, "130  interrupted"}}, 0);
+    expectRuns({{help.c_str(), 0, "130  interrupted"}}, 0);
     EXPECT_NE(manual.find(".SS " + name), std::string::npos);
     const std::string begin = name.substr(0, name.size() - 1);
     Program shell({"/bin/bash", "-c",

@@ -1,13 +1,14 @@
 // tcpcom bench: request latency and broadcast jitter against a live peer.
 
-#include <fstream>
 #include <memory>
+#include <optional>
 
 #include "command_envelope.h"
 #include "command_line.h"
 #include "exchange.h"
 #include "histogram.h"
 #include "json_text.h"
+#include "output_file.h"
 #include "request_text.h"
 #include "statistics.h"
 #include "text_format.h"
@@ -33,7 +34,9 @@ class Bench {
         options_(options),
         request_(requestText(options.command, membersText(run, options.members))),
         session_(run, parsePeer(options.peer)),
-        exchange_(session_, [this](const Message& message) { onBroadcast(message); }) {}
+        exchange_(session_, [this](const Message& message) { onBroadcast(message); }) {
+    if (!options.svg.empty()) svg_.emplace(run, options.svg);  // now, before it is measured long
+  }
 
   Status run() {
     Wake wake = Wake::Ready;
@@ -90,7 +93,7 @@ class Bench {
     row("request", latenciesMs_);
     row("broadcast", periodsMs_);
     if (lost_ > 0) run_.out.note(std::to_string(lost_) + " requests were not answered in time");
-    if (!options_.svg.empty()) writeSvg();
+    if (svg_) writeSvg();
   }
 
   void row(const std::string& name, const Statistics& values) const {
@@ -113,13 +116,10 @@ class Bench {
   }
 
   void writeSvg() const {
-    std::ofstream file(options_.svg);
-    file << drawHistograms(
+    svg_->write(drawHistograms(
         {{"Requests \"" + options_.command + "\" to " + session_.name() + ", round trip",
           &latenciesMs_},
-         {"Broadcasts from " + session_.name() + ", from one to the next", &periodsMs_}});
-    file.close();
-    if (!file) throw Failure(Status::Other, "cannot write \"" + options_.svg + "\"");
+         {"Broadcasts from " + session_.name() + ", from one to the next", &periodsMs_}}));
   }
 
   const Run& run_;
@@ -127,6 +127,7 @@ class Bench {
   const std::string request_;
   Session session_;
   Exchange exchange_;
+  std::optional<OutputFile> svg_;
   Statistics latenciesMs_, periodsMs_;
   TimePoint last_;
   long lost_ = 0;

@@ -89,13 +89,12 @@ void CommandLine::addCommonOptions(CLI::App& app) {
   app.add_flag("--json", settings_.json,
                "one JSON object a line, also for errors and notes on standard error")
       ->group(kCommon);
-  app.add_flag("--raw", settings_.raw, "payload only, byte by byte as it came")
-      ->group(kCommon)
-      ->excludes("--json");
+  app.add_flag("--raw", settings_.raw, "payload only, byte by byte as it came; not with --json")
+      ->group(kCommon);
   app.add_flag("-q,--quiet", settings_.quiet, "no notes on standard error; errors stay")
       ->group(kCommon);
   app.add_flag("-v,--verbose", settings_.verbose, "more notes on standard error")->group(kCommon);
-  addSeconds(app, "-W,--wait", settings_.runS, "ends the whole run after that time")
+  addSeconds(app, "-W,--wait", settings_.runS, "ends the whole run after that time; 0: never")
       ->group(kCommon);
   addSeconds(app, "--connect-timeout", settings_.connectTimeoutS,
              "longest wait for a connection, default 3")

@@ -17,6 +17,10 @@ struct Reply {
   double ms = 0;  ///< round trip
 };
 
+/// @return whether it is no rejection: a reply without "code", as from a peer that has no envelope,
+/// is an answer like any other
+bool isHandled(const Json::Value& reply);
+
 /// One request at a time over a session; whatever else comes is handed to `onOther`.
 class Exchange {
  public:
@@ -27,15 +31,20 @@ class Exchange {
 
   /// Sends a request and waits for the reply with its "command". Replies go to every client, so one
   /// with another's name is nobody's but his; one that came before the request is a late one.
-  /// @param rejection  gets a rejection that names no command, if one comes instead
+  /// @param mustHold  members that the reply has to have as well
+  /// @param rejection  gets a rejection that does not tell whose it is, if one comes instead
   /// @return Ready with a reply
   Wake ask(const std::string& command, const std::string& request, TimePoint until, Reply& reply,
+           const Json::Value& mustHold = Json::Value::nullSingleton(),
            std::optional<Reply>* rejection = nullptr);
 
   /// Receives until then.
-  Wake idle(TimePoint until);
+  Wake idle(TimePoint until) { return receive(until, until); }
 
  private:
+  /// Receives until then, and what has come by then as long as it is not later than `latest`.
+  Wake receive(TimePoint until, TimePoint latest);
+
   Session& session_;
   OnOther onOther_;
 };

@@ -12,8 +12,8 @@ namespace tcpcom {
 /// @throws Failure  as the run ends
 std::string readStandardInput(const Run& run);
 
-/// @throws Failure  with Usage if the file cannot be read
-std::string readFile(const std::string& path);
+/// @throws Failure  with Usage if the file cannot be read, or as the run ends
+std::string readFile(const Run& run, const std::string& path);
 
 /// Cuts what is read into lines; the last one may lack its end. A CR before the end is dropped.
 class LineCutter {
@@ -28,6 +28,7 @@ class LineCutter {
  private:
   std::string buffer_;
   std::size_t begin_ = 0;
+  std::size_t searched_ = 0;  // no line ends before it
   bool over_ = false;
 };
 

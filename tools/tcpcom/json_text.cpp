@@ -1,8 +1,11 @@
 #include "json_text.h"
 
+#include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <sstream>
@@ -13,6 +16,7 @@ namespace tcpcom {
 namespace {
 
 constexpr char kHexDigits[] = "0123456789abcdef";
+constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
 
 std::string hexOf(const std::string& bytes) {
   std::string hex;
@@ -46,6 +50,31 @@ std::string tidied(const std::string& reason) {
   return text;
 }
 
+bool isNumber(const std::string& text) {
+  std::size_t at = text.front() == '-' ? 1 : 0;
+  const auto is = [&](const char* set) {
+    return at < text.size() && std::strchr(set, text[at]) != nullptr;
+  };
+  const auto digits = [&] {
+    const std::size_t from = at;
+    at = std::min(text.find_first_not_of("0123456789", at), text.size());
+    return at - from;
+  };
+  const bool zero = is("0");
+  if (const std::size_t whole = digits(); whole == 0 || (zero && whole > 1)) return false;
+  if (is(".") && (++at, digits() == 0)) return false;
+  if (!is("eE")) return at == text.size();
+  ++at;
+  if (is("+-")) ++at;
+  return digits() > 0 && at == text.size();
+}
+
+/// The writer replaces what is not UTF-8.
+bool survivesAs(const std::string& text, const std::string& quoted) {
+  const auto back = parseJson(quoted);
+  return back && back->asString() == text;
+}
+
 bool isIndex(const std::string& key) {
   return !key.empty() && key.size() <= 9 &&
          key.find_first_not_of("0123456789") == std::string::npos;
@@ -75,9 +104,32 @@ std::string compactJson(const Json::Value& value) {
   return brix_json::toStrWithoutIndentation(value, std::numeric_limits<double>::max_digits10);
 }
 
-std::string oneLine(const std::string& text, const Json::Value& value) {
-  return text.find_first_of(std::string("\r\n\0", 3)) == std::string::npos ? text
-                                                                           : compactJson(value);
+std::optional<std::string> exactLine(const std::string& text) {
+  if (!survivesAs(text, compactJson(Json::Value(text)))) return std::nullopt;
+  std::string line;
+  bool inString = false;
+  char before = '\0';  // apart from blanks
+  for (std::size_t i = text.rfind(kByteOrderMark, 0) == 0 ? 3 : 0; i < text.size(); ++i) {
+    const char byte = text[i];
+    if (byte == '"') inString = !inString;
+    if (!inString && byte == '}' && before == ',') return std::nullopt;
+    if (std::strchr(" \t\r\n", byte) == nullptr) before = byte;
+    if (static_cast<unsigned char>(byte) < 0x20) {
+      if (byte == '\0' && !inString) return std::nullopt;  // the parser stops at it
+      line += inString ? "\\u00" + hexOf({byte}) : " ";
+    } else if (inString && byte == '\\' && i + 1 < text.size()) {
+      line += {byte, text[++i]};
+    } else if (!inString && std::strchr("+-.0123456789", byte) != nullptr) {
+      const auto end = std::min(text.find_first_not_of("+-.0123456789eE", i), text.size());
+      const std::string number = text.substr(i, end - i);
+      if (!isNumber(number)) return std::nullopt;
+      line += number;
+      i = end - 1;
+    } else {
+      line += byte;
+    }
+  }
+  return line;
 }
 
 const Json::Value* memberAt(const Json::Value& root, const std::string& path) {
@@ -97,14 +149,22 @@ const Json::Value* memberAt(const Json::Value& root, const std::string& path) {
 }
 
 std::string plainText(const Json::Value& value) {
-  return value.isString() ? value.asString() : compactJson(value);
+  if (value.isString()) return value.asString();
+  if (value.type() != Json::realValue) return compactJson(value);
+  std::array<char, 40> text{};
+  const auto made = std::to_chars(text.data(), text.data() + text.size(), value.asDouble());
+  return {text.data(), made.ptr};
 }
 
 std::string printable(const std::string& text) {
   std::string shown;
+  unsigned char before = 0;
   for (const char byte : text) {
     const auto code = static_cast<unsigned char>(byte);
-    if ((code < 0x20 && byte != '\t') || code == 0x7F) {
+    // The second half of U+0080 to U+009F steers as well; the first half alone does nothing.
+    const bool steers = before == 0xC2 && code >= 0x80 && code < 0xA0;
+    before = code;
+    if ((code < 0x20 && byte != '\t') || code == 0x7F || steers) {
       shown += "\\x" + hexOf(std::string(1, byte));
     } else {
       shown += byte;
@@ -140,15 +200,13 @@ JsonLine& JsonLine::boolean(const char* key, bool value) {
 
 JsonLine& JsonLine::bytes(const std::string& value) {
   const std::string quoted = compactJson(Json::Value(value));
-  // The writer replaces what is not UTF-8.
-  const auto back = parseJson(quoted);
-  if (back && back->asString() == value) return json("text", quoted);
+  if (survivesAs(value, quoted)) return json("text", quoted);
   return text("hex", hexOf(value));
 }
 
 JsonLine& JsonLine::message(const std::string& value) {
-  const auto parsed = parseJson(value);
-  return parsed ? json("message", oneLine(value, *parsed)) : bytes(value);
+  const auto line = parseJson(value) ? exactLine(value) : std::nullopt;
+  return line ? json("message", *line) : bytes(value);
 }
 
 std::optional<std::string> bytesOf(const Json::Value& object) {

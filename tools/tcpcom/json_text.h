@@ -16,14 +16,15 @@ std::optional<Json::Value> parseJson(const std::string& text, std::string* error
 /// @return the value as one line, numbers to their last digit
 std::string compactJson(const Json::Value& value);
 
-/// @return the text of a value as one line; as it stands if it is one
-std::string oneLine(const std::string& text, const Json::Value& value);
+/// @param text  parsed well; the parser takes more than JSON is
+/// @return it as one line, digit for digit; nothing if another parser would not take it
+std::optional<std::string> exactLine(const std::string& text);
 
 /// @param path  keys of nested objects, with a dot between two; a number is an array's index
 /// @return null if there is no such member
 const Json::Value* memberAt(const Json::Value& root, const std::string& path);
 
-/// @return a string's content, any other value as compact text
+/// @return a string's content; any other value as compact text, a number without needless digits
 std::string plainText(const Json::Value& value);
 
 /// Replaces bytes that would steer a terminal by "\xNN".

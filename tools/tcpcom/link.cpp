@@ -43,7 +43,7 @@ bool Link::read(std::string& bytes, std::size_t most) {
   while (most > 0) {
     const ssize_t got = recv(fd(), chunk.data(), std::min(most, chunk.size()), 0);
     if (got == 0) return ended("the peer has closed it");
-    if (got < 0) return isPassing(errno) || ended(errorText(errno));
+    if (got < 0) return isPassing(errno) || failed(errno);
     bytes.append(chunk.data(), static_cast<std::size_t>(got));
     most -= static_cast<std::size_t>(got);
   }
@@ -58,7 +58,7 @@ bool Link::send(const std::string& bytes) {
 bool Link::flush() {
   while (waiting() > 0) {
     const ssize_t sent = ::send(fd(), waiting_.data() + sent_, waiting(), MSG_NOSIGNAL);
-    if (sent < 0) return isPassing(errno) || ended(errorText(errno));
+    if (sent < 0) return isPassing(errno) || failed(errno);
     sent_ += static_cast<std::size_t>(sent);
   }
   waiting_.clear();
@@ -73,6 +73,18 @@ int Link::unacknowledged() const {
 
 void Link::endSending() const {
   shutdown(fd(), SHUT_WR);
+}
+
+bool Link::broken() {
+  int error = 0;
+  socklen_t size = sizeof error;
+  if (getsockopt(fd(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error != 0) failed(error);
+  return broken_;
+}
+
+bool Link::failed(int error) {
+  broken_ = true;
+  return ended(errorText(error));
 }
 
 bool Link::ended(const std::string& reason) {

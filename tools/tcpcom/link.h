@@ -41,16 +41,21 @@ class Link {
   /// Tells the peer that nothing more will come.
   void endSending() const;
 
+  /// @return whether an error has ended the connection, and not the peer in order
+  bool broken();
+
   /// Why the connection has ended.
   const std::string& endReason() const { return endReason_; }
 
  private:
   bool ended(const std::string& reason);
+  bool failed(int error);
 
   Descriptor socket_;
   std::string waiting_;
   std::size_t sent_ = 0;  // of waiting_
   std::string endReason_;
+  bool broken_ = false;
 };
 
 }  // namespace tcpcom

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 #include <iostream>
+#include <sstream>
 
 #include "command_line.h"
 #include "manual.h"
@@ -28,10 +29,13 @@ void holdStandardStreams() {
   }
 }
 
-int run(const CommandLine& line) {
-  const Run context(line.settings());
+int run(const Settings& settings, const CommandLine::Body& body) {
+  const Run context(settings);
   try {
-    return finish(context.out, line.body()(context), "");
+    if (settings.raw && settings.json) {  // one may stand before the subcommand
+      throw Failure(Status::Usage, "--json excludes --raw");
+    }
+    return finish(context.out, body(context), "");
   } catch (const Failure& failure) {
     return finish(context.out, failure.status(), failure.what());
   } catch (const std::exception& exception) {
@@ -41,12 +45,18 @@ int run(const CommandLine& line) {
 
 /// What the command line asks for instead of a run, or why it cannot be understood.
 int explain(CommandLine& line, const CLI::ParseError& error, bool json) {
-  if (error.get_exit_code() == 0) return line.app().exit(error, std::cout, std::cerr);
   Settings settings;
   settings.json = json;
-  const Run context(settings);
-  return finish(context.out, Status::Usage,
-                std::string(error.what()) + (json ? "" : "; --help shows the usage"));
+  return run(settings, [&](const Run& context) {
+    if (error.get_exit_code() != 0) {
+      throw Failure(Status::Usage,
+                    std::string(error.what()) + (json ? "" : "; --help shows the usage"));
+    }
+    std::ostringstream text;
+    line.app().exit(error, text, text);
+    context.out.write(text.str());
+    return Status::Done;
+  });
 }
 
 int main(int argc, char** argv) {
@@ -64,7 +74,7 @@ int main(int argc, char** argv) {
         argv, argv + argc, [](const char* word) { return std::strcmp(word, "--json") == 0; });
     return explain(line, error, json);
   }
-  return run(line);
+  return run(line.settings(), line.body());
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "run.h"
+
 namespace tcpcom {
 
 struct MockBroadcast {
@@ -30,7 +32,7 @@ struct MockScript {
 /// Its format, as the help shows it.
 extern const char* const kScriptFormat;
 
-/// @throws Failure  with Usage, telling what is wrong
-MockScript loadScript(const std::string& path);
+/// @throws Failure  with Usage, telling what is wrong in which line
+MockScript loadScript(const Run& run, const std::string& path);
 
 }  // namespace tcpcom

@@ -41,7 +41,36 @@ bool showsColour(int fd) {
   return isatty(fd) == 1 && !dumb && (noColour == nullptr || *noColour == '\0');
 }
 
+/// Waits until a descriptor takes something, or the run ends.
+void awaitRoom(const Waiter& waiter, int fd, const std::string& name) {
+  const Wake wake = waiter.waitFor(fd, POLLOUT, kNever);
+  if (wake == Wake::Ready) return;
+  if (wake == Wake::OutputClosed && fd == STDOUT_FILENO) throw Failure(Status::Done, "");
+  // The run's end bounds what is waited for, and not the telling of what has come.
+  pollfd entry{fd, POLLOUT, 0};
+  if (poll(&entry, 1, 0) > 0) return;
+  if (wake == Wake::RunOver) throw Failure(Status::TimedOut, name + " is not read");
+  throw Failure(wake == Wake::Interrupted ? Status::Interrupted : Status::Done, "");
+}
+
 }  // namespace
+
+// Pieces that a pipe with room takes at once: so a reader that pauses never holds up the end.
+void writeAll(const Waiter& waiter, int fd, const std::string& name, const std::string& bytes) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    awaitRoom(waiter, fd, name);
+    const std::size_t piece = std::min<std::size_t>(bytes.size() - done, PIPE_BUF);
+    const ssize_t written = ::write(fd, bytes.data() + done, piece);
+    if (written >= 0) {
+      done += static_cast<std::size_t>(written);
+    } else if (errno == EPIPE) {
+      throw Failure(Status::Done, "");
+    } else if (errno != EAGAIN && errno != EINTR) {
+      throw Failure(Status::Other, "cannot write " + name + ": " + errorText(errno));
+    }
+  }
+}
 
 Output::Output(const Settings& settings, const Waiter& waiter)
     : settings_(settings),
@@ -50,43 +79,22 @@ Output::Output(const Settings& settings, const Waiter& waiter)
       colour_(showsColour(STDOUT_FILENO) && !settings.json && !settings.raw),
       errorColour_(showsColour(STDERR_FILENO) && !settings.json) {}
 
-// Pieces that a pipe with room takes at once: so a reader that pauses never holds up the end.
 void Output::write(const std::string& bytes) const {
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    awaitRoom();
-    const std::size_t piece = std::min<std::size_t>(bytes.size() - done, PIPE_BUF);
-    const ssize_t written = ::write(STDOUT_FILENO, bytes.data() + done, piece);
-    if (written >= 0) {
-      done += static_cast<std::size_t>(written);
-    } else if (errno == EPIPE) {
-      throw Failure(Status::Done, "");
-    } else if (errno != EAGAIN && errno != EINTR) {
-      throw Failure(Status::Other, std::string("standard output: ") + errorText(errno));
-    }
-  }
-}
-
-void Output::awaitRoom() const {
-  const Wake wake = waiter_.waitFor(STDOUT_FILENO, POLLOUT, kNever);
-  if (wake == Wake::Ready) return;
-  if (wake == Wake::OutputClosed) throw Failure(Status::Done, "");
-  // The run's end bounds what is waited for, and not the telling of what has come.
-  pollfd entry{STDOUT_FILENO, POLLOUT, 0};
-  if (poll(&entry, 1, 0) > 0) return;
-  if (wake == Wake::Interrupted) throw Failure(Status::Interrupted, "");
-  throw Failure(Status::TimedOut, "standard output is not read");
+  writeAll(waiter_, STDOUT_FILENO, "standard output", bytes);
 }
 
 void Output::say(const std::string& text, const std::string& json) const {
-  const std::string line = (settings_.json ? json : "tcpcom: " + text) + '\n';
-  // One write a line, so that lines of several threads do not mix; nowhere is left to report to.
-  [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+  try {
+    // Lines of several threads do not mix, unless they are longer than a pipe takes at once.
+    writeAll(waiter_, STDERR_FILENO, "standard error",
+             (settings_.json ? json : "tcpcom: " + text) + '\n');
+  } catch (const Failure&) {  // nowhere is left to report to
+  }
 }
 
 void Output::note(const std::string& text, const std::string& json) const {
   if (settings_.quiet) return;
-  say(text, json.empty() ? JsonLine().text("note", text).str() : json);
+  say(printable(text), json.empty() ? JsonLine().text("note", text).str() : json);
 }
 
 void Output::detail(const std::string& text) const {
@@ -94,7 +102,8 @@ void Output::detail(const std::string& text) const {
 }
 
 void Output::error(Status status, const std::string& text) const {
-  const std::string shown = errorColour_ ? escapeOf(Paint::Red) + text + kReset : text;
+  const std::string shown =
+      errorColour_ ? escapeOf(Paint::Red) + printable(text) + kReset : printable(text);
   say(shown, JsonLine().text("error", text).integer("status", static_cast<int>(status)).str());
 }
 

@@ -11,6 +11,11 @@ namespace tcpcom {
 
 enum class Paint { Plain, Dim, Bold, Red, Green, Yellow };
 
+/// Writes all of it, and waits where it is not taken until it is or the run ends.
+/// @param name  of what is written, for errors
+/// @throws Failure  if it cannot be written; with Done if its reader has gone
+void writeAll(const Waiter& waiter, int fd, const std::string& name, const std::string& bytes);
+
 class Output {
  public:
   Output(const Settings& settings, const Waiter& waiter);
@@ -26,7 +31,8 @@ class Output {
   /// Writes payload as it stands.
   void write(const std::string& bytes) const;
 
-  /// Tells the user something, unless quiet. May be called from any thread, as the two below.
+  /// Tells the user something, unless quiet; not, if the run ends while standard error is not read.
+  /// May be called from any thread, as the two below.
   /// @param json  the same as members of a JSON object, for --json; empty: {"note":text}
   void note(const std::string& text, const std::string& json = {}) const;
 
@@ -41,7 +47,6 @@ class Output {
 
  private:
   void say(const std::string& text, const std::string& json) const;
-  void awaitRoom() const;
 
   const Settings& settings_;
   const Waiter& waiter_;

@@ -1,11 +1,11 @@
 // tcpcom record: a session with its timing into a file.
 
 #include <algorithm>
-#include <cerrno>
-#include <fstream>
 #include <memory>
+#include <optional>
 
 #include "command_line.h"
+#include "output_file.h"
 #include "recording.h"
 #include "session.h"
 #include "text_format.h"
@@ -19,36 +19,26 @@ struct RecordOptions {
   long count = 0;
 };
 
-/// Writes line by line, so that nothing is lost however the run ends.
-class RecordFile {
+class RecordSink {
  public:
-  RecordFile(const Output& out, const std::string& path) : out_(out), path_(path) {
-    if (path_ == "-") return;
-    file_.open(path_, std::ios::binary | std::ios::trunc);
-    check();
+  RecordSink(const Run& run, const std::string& path) : out_(run.out) {
+    if (path != "-") file_.emplace(run, path);
   }
 
-  void line(const std::string& text) {
-    if (path_ == "-") return out_.line(text);
-    file_ << text << std::endl;
-    check();
+  void line(const std::string& text) const {
+    if (!file_) return out_.line(text);
+    file_->write(text + '\n');
   }
 
  private:
-  void check() const {
-    if (file_) return;
-    throw Failure(Status::Other, "cannot write \"" + path_ + "\": " + errorText(errno));
-  }
-
   const Output& out_;
-  const std::string path_;
-  std::ofstream file_;
+  std::optional<OutputFile> file_;
 };
 
 Status record(const Run& run, const RecordOptions& options) {
   Session session(run, parsePeer(options.peer));
   const TimePoint start = Clock::now();
-  RecordFile file(run.out, options.file);
+  const RecordSink file(run, options.file);
   file.line(recordingHeader(session.name(), wallTimeS(start)));
   long seen = 0;
   Wake wake = Wake::TimedOut;

@@ -45,8 +45,8 @@ std::string recordingLine(const RecordedMessage& message) {
   return JsonLine().number(kTimeKey, message.atS).bytes(message.text).str();
 }
 
-std::vector<RecordedMessage> loadRecording(const std::string& path) {
-  std::istringstream lines(readFile(path));
+std::vector<RecordedMessage> loadRecording(const Run& run, const std::string& path) {
+  std::istringstream lines(readFile(run, path));
   std::vector<RecordedMessage> messages;
   std::string line;
   for (long number = 1; std::getline(lines, line); ++number) {

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "run.h"
+
 namespace tcpcom {
 
 struct RecordedMessage {
@@ -18,6 +20,6 @@ std::string recordingHeader(const std::string& peer, double startedWallS);
 std::string recordingLine(const RecordedMessage& message);
 
 /// @throws Failure  with Usage, telling the line that is wrong
-std::vector<RecordedMessage> loadRecording(const std::string& path);
+std::vector<RecordedMessage> loadRecording(const Run& run, const std::string& path);
 
 }  // namespace tcpcom

@@ -75,7 +75,7 @@ class Replay {
   Replay(const Run& run, const ReplayOptions& options)
       : run_(run),
         options_(options),
-        messages_(loadRecording(options.file)),
+        messages_(loadRecording(run, options.file)),
         listener_(run, parseListening(options.address)) {}
 
   Status run() {

@@ -18,31 +18,39 @@ struct RequestOptions {
   std::string peer;
   std::string command;
   std::string members;
+  std::vector<std::string> match;
 };
 
 void show(const Output& out, const Reply& reply) {
   if (out.raw()) return out.line(reply.text);
-  if (!out.json()) return out.line(printable(oneLine(reply.text, reply.value)));
+  if (!out.json()) return out.line(printable(exactLine(reply.text).value_or(reply.text)));
   out.line(JsonLine().number("ms", reply.ms).message(reply.text).str());
 }
 
-/// A reply without "code", as from a peer that has no envelope, is an answer like any other.
-Status statusOf(const Reply& reply) {
-  const Json::Value& code = reply.value[envelope::kCodeKey];
-  const bool handled = code.isNull() || (code.isInt() && code.asInt() == envelope::kCodeHandled);
-  return handled ? Status::Done : Status::OtherCode;
+/// @return the members that tell our reply from others'
+Json::Value mustHold(const std::string& request, const std::vector<std::string>& keys) {
+  const Json::Value sent = parseJson(request).value_or(Json::Value());
+  Json::Value held(Json::objectValue);
+  for (const std::string& key : keys) {
+    if (!sent.isMember(key)) {
+      throw Failure(Status::Usage, "the request holds no \"" + key + "\" to match");
+    }
+    held[key] = sent[key];
+  }
+  return held;
 }
 
 Status request(const Run& run, const RequestOptions& options) {
   const Address peer = parsePeer(options.peer);
   const std::string text = requestText(options.command, membersText(run, options.members));
+  const Json::Value held = mustHold(text, options.match);
   Session session(run, peer);
   Reply reply;
   std::optional<Reply> rejection;
   const Wake wake = Exchange(session).ask(options.command, text, after(run.settings.replyTimeoutS),
-                                          reply, &rejection);
+                                          reply, held, &rejection);
   if (wake != Wake::Ready) {
-    // It names nobody, so it counts only when no reply with our name came.
+    // It may be anybody's, so it counts only when no reply of ours came.
     if (!rejection || (wake != Wake::TimedOut && wake != Wake::RunOver)) {
       failAwaiting(wake, session.name() + " did not answer \"" + options.command + "\" in time");
     }
@@ -50,13 +58,13 @@ Status request(const Run& run, const RequestOptions& options) {
   }
   show(run.out, reply);
   run.out.detail("answered after " + fixed(reply.ms, 3) + " ms");
-  const Status status = statusOf(reply);
-  if (status != Status::Done) {
-    throw Failure(status, "the server answered with code " +
-                              plainText(reply.value[envelope::kCodeKey]) + ": " +
-                              printable(plainText(reply.value[envelope::kMsgKey])));
+  if (!isHandled(reply.value)) {
+    const Json::Value& msg = reply.value[envelope::kMsgKey];
+    throw Failure(Status::OtherCode, "the server answered with code " +
+                                         compactJson(reply.value[envelope::kCodeKey]) +
+                                         (msg.isNull() ? "" : ": " + plainText(msg)));
   }
-  return status;
+  return Status::Done;
 }
 
 }  // namespace
@@ -67,10 +75,10 @@ void addRequest(CommandLine& line) {
       {"request", "Sends {\"command\":CMD, ...} and prints the reply with that \"command\".",
        "The exit status tells the reply's \"code\": 0 for 1 or none, 6 for any other. Replies go "
        "to\n"
-       "every client, so a rejection that names no command (\"unknow\") counts only if nothing "
-       "else\n"
-       "comes in time.\n",
+       "every client, so a rejection that does not tell whose it is (\"unknow\") counts only if\n"
+       "nothing else comes in time.\n",
        "  tcpcom request 127.0.0.1:8056 get_state\n"
+       "  tcpcom request 127.0.0.1:8056 get_state '{\"id\":7}' --match id\n"
        "  tcpcom request 127.0.0.1:8056 move_joints '{\"joints_deg\":[0,0,0,0,0,0]}'\n"
        "  echo '{\"id\":7}' | tcpcom request 127.0.0.1:8056 stop - --raw\n"},
       [options](const Run& run) { return request(run, *options); });
@@ -81,6 +89,14 @@ void addRequest(CommandLine& line) {
                   "an object with the request's other members; @FILE reads it from a file, - from "
                   "standard input")
       ->type_name("");
+  command
+      .add_option("--match", options->match,
+                  "takes only a reply that has the request's value of KEY, as an \"id\" that the "
+                  "server echoes; may be given again")
+      ->type_name("KEY")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->allow_extra_args(false);
 }
 
 }  // namespace tcpcom

@@ -10,7 +10,7 @@ namespace envelope = brix::envelope;
 
 std::string membersText(const Run& run, const std::string& given) {
   if (given == "-") return readStandardInput(run);
-  if (!given.empty() && given.front() == '@') return readFile(given.substr(1));
+  if (!given.empty() && given.front() == '@') return readFile(run, given.substr(1));
   return given.empty() ? "{}" : given;
 }
 
@@ -18,13 +18,14 @@ std::string membersText(const Run& run, const std::string& given) {
 std::string requestText(const std::string& command, const std::string& members) {
   std::string error;
   const auto value = parseJson(members, &error);
-  if (!value) throw Failure(Status::Usage, "the request is not JSON: " + printable(error));
+  if (!value) throw Failure(Status::Usage, "the request is not JSON: " + error);
   if (!value->isObject()) throw Failure(Status::Usage, "the request is no JSON object");
   if (value->isMember(envelope::kCommandKey)) {
     throw Failure(Status::Usage, "the request must not hold \"command\", which is given before it");
   }
-  const std::string object = oneLine(members, *value);
-  const std::string rest = object.substr(object.find('{') + 1);
+  const auto object = exactLine(members);
+  if (!object) throw Failure(Status::Usage, "the request is not JSON: a wrong number, or no UTF-8");
+  const std::string rest = object->substr(object->find('{') + 1);
   return std::string("{\"") + envelope::kCommandKey + "\":" + compactJson(Json::Value(command)) +
          (value->empty() ? "" : ",") + rest;
 }

@@ -15,10 +15,12 @@ namespace {
 // Small, so that a client soon notices that it is read slowly.
 constexpr int kSlowReadBufferBytes = 4096;
 
+constexpr char kStateFamily[] = "state", kCommandFamily[] = "command";
+
 struct ServeOptions {
   std::string address;
   std::string script;
-  Family family = Family::Command;
+  std::string family = kCommandFamily;
   std::vector<std::string> faults;
   std::uint32_t seed = 1;
 };
@@ -74,6 +76,7 @@ class Broadcaster {
 
 std::vector<Fault> parseFaults(const std::vector<std::string>& texts) {
   std::vector<Fault> faults;
+  faults.reserve(texts.size());
   for (const std::string& text : texts) faults.push_back(parseFault(text));
   return faults;
 }
@@ -82,14 +85,15 @@ std::vector<Fault> parseFaults(const std::vector<std::string>& texts) {
 /// server would, and tells of the requests.
 Status serve(const Run& run, const ServeOptions& options) {
   const auto faults = parseFaults(options.faults);
-  const MockScript script = options.script.empty() ? MockScript() : loadScript(options.script);
+  const MockScript script = options.script.empty() ? MockScript() : loadScript(run, options.script);
   const Address address = parseListening(options.address);
   const LibraryLog log(run.out, run.settings.verbose);
   const bool slow = std::any_of(faults.begin(), faults.end(), [](const Fault& fault) {
     return fault.kind == FaultKind::SlowRead;
   });
   const Listener listener(run, address, slow ? kSlowReadBufferBytes : 0);
-  const auto server = startMockServer(options.family, script);
+  const auto server =
+      startMockServer(options.family == kStateFamily ? Family::State : Family::Command, script);
   Lister lister(run.out);
   Relay relay(listener, server->port(), faults, options.seed, [&](const std::string& text) {
     lister.show({text, Clock::now()});
@@ -133,10 +137,7 @@ void addServe(CommandLine& line) {
       ->type_name("");
   command.add_option("--family", options->family, "whose server answers, default command")
       ->type_name("state|command")
-      ->transform(
-          CLI::CheckedTransformer(
-              std::map<std::string, Family>{{"state", Family::State}, {"command", Family::Command}})
-              .description(""));
+      ->check(CLI::IsMember({kStateFamily, kCommandFamily}).description(""));
   command.add_option("--fault", options->faults, "shows a fault; may be given again")
       ->type_name("FAULT")
       ->expected(1)

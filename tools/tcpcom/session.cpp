@@ -49,7 +49,13 @@ void Session::connect(const Address& peer) {
 std::optional<std::string> Session::tryConnect(const Address& peer) {
   const TimePoint until = after(run_.settings.connectTimeoutS);
   std::vector<SocketAddress> addresses;
-  const Wake wake = resolve(run_.waiter, peer, until, addresses);
+  Wake wake = Wake::Ready;
+  try {
+    wake = resolve(run_.waiter, peer, until, addresses);
+  } catch (const Failure& failure) {
+    if (failure.status() != Status::NoConnection) throw;
+    return failure.what();
+  }
   if (wake == Wake::TimedOut) return "looking the host up takes too long";
   if (wake != Wake::Ready) failAwaiting(wake, "no connection to " + name_ + " in time");
   std::string error;
@@ -172,6 +178,7 @@ void Session::finishSending(double lingerS) {
       failAwaiting(wake, name_ + " does not acknowledge what was sent");
     }
   }
+  if (link_->broken()) failLost();  // then nothing tells how much of it has arrived
 }
 
 }  // namespace tcpcom

@@ -14,23 +14,26 @@ constexpr std::size_t kChartValues = 40;
 
 }  // namespace
 
-void Lister::show(const Message& message) {
-  if (out_.raw()) return out_.line(message.text);
+bool Lister::show(const Message& message) {
   const double at = wallTimeS(message.at);
   const auto bytes = static_cast<std::int64_t>(message.text.size());
-  if (out_.json()) {
+  if (out_.raw()) {
+    out_.line(message.text);
+  } else if (out_.json()) {
     out_.line(JsonLine().number("time", at).integer("bytes", bytes).message(message.text).str());
-    return;
+  } else {
+    const std::string head = timeOfDay(at) + ' ' + padded(std::to_string(bytes), 6) + " B  ";
+    out_.line(out_.painted(head, Paint::Dim) + printable(message.text));
   }
-  const std::string head = timeOfDay(at) + padded(std::to_string(bytes), 7) + " B  ";
-  out_.line(out_.painted(head, Paint::Dim) + printable(message.text));
+  return true;
 }
 
-void Rater::show(const Message& message) {
+bool Rater::show(const Message& message) {
   if (last_ != TimePoint()) periodsMs_.add(secondsBetween(last_, message.at) * 1000);
   last_ = message.at;
   ++count_;
   bytes_ += static_cast<std::int64_t>(message.text.size());
+  return true;
 }
 
 void Rater::tick() {
@@ -66,18 +69,21 @@ void Rater::finish() {
 Plotter::Plotter(const Output& out, std::string path)
     : Viewer(out), path_(std::move(path)), chart_(kChartValues) {}
 
-void Plotter::show(const Message& message) {
+bool Plotter::show(const Message& message) {
   const auto parsed = parseJson(message.text);
   const Json::Value* value = parsed ? memberAt(*parsed, path_) : nullptr;
-  if (value == nullptr || !value->isNumeric() || !std::isfinite(value->asDouble())) return;
+  if (value == nullptr || !value->isNumeric() || !std::isfinite(value->asDouble())) {
+    return false;
+  }
   if (out_.raw()) {
     out_.line(plainText(*value));
   } else if (out_.json()) {
     const double at = wallTimeS(message.at);
-    out_.line(JsonLine().number("time", at).json("value", compactJson(*value)).str());
+    out_.line(JsonLine().number("time", at).json("value", plainText(*value)).str());
   } else {
     draw(value->asDouble());
   }
+  return true;
 }
 
 void Plotter::draw(double value) {

@@ -16,7 +16,8 @@ class Viewer {
   explicit Viewer(const Output& out) : out_(out) {}
   virtual ~Viewer() = default;
 
-  virtual void show(const Message& message) = 0;
+  /// @return false if the message has nothing to show
+  virtual bool show(const Message& message) = 0;
 
   /// @return when tick() is due
   virtual TimePoint due() const { return kNever; }
@@ -32,14 +33,14 @@ class Viewer {
 class Lister : public Viewer {
  public:
   using Viewer::Viewer;
-  void show(const Message& message) override;
+  bool show(const Message& message) override;
 };
 
 /// Messages a second and how evenly they come, once a second.
 class Rater : public Viewer {
  public:
   using Viewer::Viewer;
-  void show(const Message& message) override;
+  bool show(const Message& message) override;
   TimePoint due() const override { return due_; }
   void tick() override;
   void finish() override;
@@ -57,7 +58,7 @@ class Rater : public Viewer {
 class Plotter : public Viewer {
  public:
   Plotter(const Output& out, std::string path);
-  void show(const Message& message) override;
+  bool show(const Message& message) override;
   void finish() override;
 
  private:

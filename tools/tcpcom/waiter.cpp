@@ -19,7 +19,10 @@ Descriptor openSignals() {
   std::signal(SIGPIPE, SIG_IGN);
   sigset_t set;
   sigemptyset(&set);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, signal);
+  for (const int signal : {SIGINT, SIGTERM}) sigaddset(&set, signal);
+  struct sigaction hangUp {};
+  sigaction(SIGHUP, nullptr, &hangUp);
+  if (hangUp.sa_handler != SIG_IGN) sigaddset(&set, SIGHUP);  // as nohup(1) asks
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   Descriptor signals(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
   if (!signals) throw Failure(Status::Other, std::string("signalfd: ") + errorText(errno));

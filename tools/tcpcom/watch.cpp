@@ -25,7 +25,11 @@ struct Filter {
 
   bool passes(const Json::Value& message) const {
     const Json::Value* member = memberAt(message, path);
-    return member != nullptr && plainText(*member) == value;
+    if (member == nullptr) return false;
+    if (plainText(*member) == value) return true;
+    const auto number = parseJson(value);  // 1.50 is 1.5
+    return number && number->isNumeric() && member->type() == Json::realValue &&
+           number->asDouble() == member->asDouble();
   }
 };
 
@@ -77,10 +81,9 @@ class Watch {
     while (options_.count == 0 || seen_ < options_.count) {
       Message message;
       const Wake wake = session_.next(message, viewer_->due());
-      if (wake == Wake::Ready && passes(message)) {
-        ++seen_;
-        viewer_->show(message);
-      } else if (wake != Wake::Ready && wake != Wake::TimedOut) {
+      if (wake == Wake::Ready) {
+        if (passes(message) && viewer_->show(message)) ++seen_;
+      } else if (wake != Wake::TimedOut) {
         return wake;
       }
       if (Clock::now() >= viewer_->due()) viewer_->tick();
@@ -124,7 +127,9 @@ void addWatch(CommandLine& line) {
   auto* rate = command.add_flag("--rate", options->rate,
                                 "messages a second and jitter, once a second; the jitter is the "
                                 "standard deviation of the time from message to message");
-  command.add_option("--plot", options->plot, "a live chart of that number")
+  command
+      .add_option("--plot", options->plot,
+                  "a live chart of that number; messages without it do not count")
       ->type_name("KEY.PATH")
       ->excludes(rate);
   addCount(command, options->count, "messages to await, default: until interrupted");
