@@ -14,5 +14,5 @@ inline int portOf(const char* text) {
   const long port = std::strtol(text, &end, 10);
   if (end != text && *end == '\0' && port >= 0 && port <= kLargest) return static_cast<int>(port);
   std::fprintf(stderr, "\"%s\" is no port, which is a number up to %ld\n", text, kLargest);
-  std::exit(kUsage);
+  std::exit(kUsage);  // NOLINT(concurrency-mt-unsafe): before any thread runs
 }
