@@ -52,6 +52,8 @@ TEST(BasicExamples, EachDoesWithItsPeerWhatItSays) {
       {kMock, "06_log_sink 127.0.0.1 PORT", 0, "connect successful"},
       {"", "06_log_sink 127.0.0.1 0", 1, "Cannot Connect the server!"},
       {"", "07_testing_with_the_mock TCPCOM SCRIPT", 0, "lost: passed"},
+      {"", "07_testing_with_the_mock TCPCOM none", 1, "does not serve none"},
+      {"", "01_echo_server 80x", 2, "\"80x\" is no port"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.client);

@@ -236,7 +236,8 @@ TEST(Manual, TroubleshootingHasTheLogTextsOfTheSources) {
     EXPECT_TRUE(std::regex_search(code, asPattern('"' + text + '"', "%[a-z]+"))) << text;
   }
   for (const std::string& text :
-       found(code, R"-((?:BRIX_LOG_ERROR\(|ERR_COMMUNICATION,)\s*"(.*?)"[,)])-")) {
+       found(code,
+             R"-((?:BRIX_LOG_ERROR\(|ERR_COMMUNICATION,|guarded\(|handOver\()\s*"(.*?)"[,)])-")) {
     const bool told = std::any_of(onPage.begin(), onPage.end(), [&](const std::string& shown) {
       return std::regex_match(text, asPattern(shown, "%[a-z]+"));
     });

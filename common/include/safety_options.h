@@ -33,7 +33,8 @@ struct TCP_COM_API ServerSafetyOptions {
   std::size_t maxQueuedBytes = 0;
 
   /// Milliseconds after which a peer that is gone, or has not taken a text, is cut off. 0: the
-  /// system's own, minutes to hours, and never for one that does not read.
+  /// system's own, a quarter of an hour or more after a text to a peer that is gone; never without
+  /// a text, nor for a peer that does not read.
   int peerTimeoutMs = 0;
 
   /// Whether the command server obeys "q", "Q" and "exit".

@@ -2,7 +2,6 @@
 // Usage: 02_echo_client [HOST [PORT]]. A peer: 01_echo_server, or tcpcom serve 8055 arm.json
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <future>
 #include <memory>
 #include <string>
@@ -10,11 +9,12 @@
 
 #include "brix_json.h"
 #include "communication_client.h"
+#include "port.h"
 #include "tcp_client.h"
 
 int main(int argc, char** argv) {
   const char* host = argc > 1 ? argv[1] : "127.0.0.1";
-  const int port = argc > 2 ? std::atoi(argv[2]) : 8055;
+  const int port = argc > 2 ? portOf(argv[2]) : 8055;
   std::promise<std::string> answer;
   auto answered = answer.get_future();
 
@@ -32,6 +32,9 @@ int main(int argc, char** argv) {
   request["command"] = "echo";
   request["text"] = "hello";
   client.sendRequest(request);
-  if (answered.wait_for(std::chrono::seconds(5)) != std::future_status::ready) return 1;
+  if (answered.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
+    std::fprintf(stderr, "no answer within 5 s\n");
+    return 1;
+  }
   std::printf("answer: %s\n", answered.get().c_str());
 }

@@ -2,8 +2,8 @@
 // Usage: 04_command_server [PORT]. Try: tcpcom request 127.0.0.1:8056 move '{"joint_deg": 30}'
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
 
+#include "port.h"
 #include "signals.h"
 #include "tcp_server_wrapper.h"
 
@@ -39,6 +39,7 @@ class Joint {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const int port = argc > 1 ? portOf(argv[1]) : 8056;
   const arm::SignalWatch signals;
   Joint joint;
   brix::TcpServerWrapper server(-1);  // the port is opened below, when all is in place
@@ -46,7 +47,7 @@ int main(int argc, char** argv) {
   handlers["move"] = [&](const Json::Value& request) { return joint.move(request); };
   server.setHandleMap(handlers);
   server.registerBroadcastFunc([&] { return joint.state(); }, 20);
-  server.init(argc > 1 ? std::atoi(argv[1]) : 8056);
+  server.init(port);
   const bool listening = server.waitUntilListening(2000);
   if (listening) {
     std::printf("listening on 127.0.0.1:%d\n", server.listeningPort());

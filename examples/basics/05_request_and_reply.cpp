@@ -5,12 +5,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <mutex>
 #include <string>
 
 #include "brix_json.h"
 #include "command_envelope.h"
+#include "port.h"
 #include "tcp_client_wrapper.h"
 
 namespace {
@@ -63,12 +63,16 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s HOST PORT COMMAND\n", argv[0]);
     return 2;
   }
+  const int port = portOf(argv[2]);
   Requester requester;            // outlives the client that calls it
   brix::TcpClientWrapper client;  // beats by itself, and takes a silent link for dead
   client.attachListener(&requester);
-  if (client.connectSocket(argv[1], std::atoi(argv[2])) != 1) return 1;
+  if (client.connectSocket(argv[1], port) != 1) return 1;
   const Json::Value reply = requester.request(client, argv[3]);
-  if (reply.isNull()) return 1;
+  if (reply.isNull()) {
+    std::fprintf(stderr, "no reply within 5 s\n");
+    return 1;
+  }
   const auto text = brix_json::toStrWithoutIndentation(reply, brix_json::kPrecision);
   std::printf("reply: %s\n", text.c_str());
   return reply["code"] == 1 ? 0 : 1;

@@ -2,12 +2,12 @@
 // Usage: 06_log_sink [HOST [PORT]]. Exit status 1 if the library reported a failure.
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 
 #include "brix_log.h"
 #include "communication_client.h"
+#include "port.h"
 #include "tcp_client.h"
 
 namespace {
@@ -24,6 +24,8 @@ std::string withoutTimeAndLevel(const std::string& line) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const char* host = argc > 1 ? argv[1] : "127.0.0.1";
+  const int port = argc > 2 ? portOf(argv[2]) : 8055;
   std::atomic<int> failures{0};
   brix_log::setSink([&](brix::LogLevel level, const std::string& line) {
     const bool failure = level == brix::LogLevel::Error;
@@ -32,8 +34,6 @@ int main(int argc, char** argv) {
                  withoutTimeAndLevel(line).c_str());
   });
 
-  const char* host = argc > 1 ? argv[1] : "127.0.0.1";
-  const int port = argc > 2 ? std::atoi(argv[2]) : 8055;
   {
     brix::CommunicationClient client;
     client.setClientHandle(std::make_shared<brix::TcpClient>(host, port));

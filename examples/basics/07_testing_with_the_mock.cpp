@@ -107,6 +107,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   const Mock mock({argv[1], "serve", "0", argv[2], "--fault", "silent@1s"});
+  if (mock.port() == 0) {
+    std::fprintf(stderr, "%s does not serve %s\n", argv[1], argv[2]);
+    return 1;
+  }
   ArmWatch watch;
   if (!watch.connect(mock.port())) return 1;
   return becomes(watch, "idle") && becomes(watch, "lost") ? 0 : 1;

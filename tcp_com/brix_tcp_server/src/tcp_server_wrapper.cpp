@@ -172,8 +172,8 @@ void TcpServerWrapper::quit() {
   StopSignal().pauseMs(kQuitPauseMs);
 }
 
-// Stop sequence: 1. quit flag, which lets the connection listener return that waits for the state
-// lock; 2. wake the broadcast thread; 3. stop the accepting.
+// Stop sequence: 1. quit flag, from when on the connection listener changes nothing; 2. wake the
+// broadcast thread; 3. stop the accepting.
 void TcpServerWrapper::State::quitAll() {
   connected = false;
   quit.request();
