@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 
 namespace tcpcom {
 namespace {
@@ -27,7 +28,7 @@ std::string Sparkline::add(double value) {
   std::string chart(width_ - values_.size(), ' ');
   for (const double one : values_) {
     const double part = half > 0 ? (one / 2 - low / 2) / half : 0.5;
-    chart += kBars[static_cast<std::size_t>(part * (kBars.size() - 1) + 0.5)];
+    chart += kBars[static_cast<std::size_t>(std::lround(part * (kBars.size() - 1)))];
   }
   return chart;
 }
