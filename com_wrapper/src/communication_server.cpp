@@ -26,7 +26,7 @@ constexpr double kDefaultBroadcastMs = 10.0;
 using RawDataFunc = std::function<std::string(const std::string&)>;
 using ConnectionListener = std::function<void(bool)>;
 template <typename Function>
-using FunctionList = std::vector<std::shared_ptr<const Function>>;
+using FunctionSlot = ValueSlot<std::shared_ptr<const Function>>;
 
 }  // namespace
 
@@ -52,14 +52,14 @@ struct TCP_COM_HIDDEN CommunicationServer::State : std::enable_shared_from_this<
   bool onBroadcastThread() const { return broadcastThread.isOwnThread(); }
   bool insideCallback() const { return ThreadMark::standsFor(this); }
   template <typename Function>
-  void replace(std::mutex& runningCalls, ValueSlot<FunctionList<Function>>& list, Function next);
+  void replace(std::mutex& runningCalls, FunctionSlot<Function>& slot, Function next);
 
   DataQueue<std::string> firstQueue;
   DataQueue<std::string> secondQueue;
   ValueSlot<std::shared_ptr<BasicServerInterface>> serverHandle;
   std::mutex rawDataLock;  // held while raw-data functions run
-  ValueSlot<FunctionList<RawDataFunc>> rawDataFuncs;
-  ValueSlot<FunctionList<ConnectionListener>> connectionListeners;
+  FunctionSlot<RawDataFunc> rawDataFunc;
+  FunctionSlot<ConnectionListener> connectionListener;
   std::atomic<bool> connected{false};  // changed under stateLock, and by terminate()
   CallbackSlot<std::string()> broadcastFunc;
   std::atomic<double> broadcastRate{kDefaultBroadcastMs};
@@ -203,20 +203,20 @@ void CommunicationServer::State::startBroadcasting() {
 // From outside this returns when the function before is not running any more. Inside a callback the
 // lock may be held by this very thread, or by one that waits for it.
 template <typename Function>
-void CommunicationServer::State::replace(std::mutex& runningCalls,
-                                         ValueSlot<FunctionList<Function>>& list, Function next) {
+void CommunicationServer::State::replace(std::mutex& runningCalls, FunctionSlot<Function>& slot,
+                                         Function next) {
   std::unique_lock<std::mutex> lock(runningCalls, std::defer_lock);
   if (!insideCallback()) lock.lock();
-  list = FunctionList<Function>{std::make_shared<const Function>(std::move(next))};
+  slot = std::make_shared<const Function>(std::move(next));
 }
 
 void CommunicationServer::registerRawDataBroadcastFunc(
     std::function<std::string(const std::string&)> func) {
-  state_->replace(state_->rawDataLock, state_->rawDataFuncs, RawDataFunc(std::move(func)));
+  state_->replace(state_->rawDataLock, state_->rawDataFunc, RawDataFunc(std::move(func)));
 }
 
 void CommunicationServer::registerConnectionListener(std::function<void(bool)> listener) {
-  state_->replace(state_->stateLock, state_->connectionListeners,
+  state_->replace(state_->stateLock, state_->connectionListener,
                   ConnectionListener(std::move(listener)));
 }
 
@@ -246,10 +246,10 @@ void CommunicationServer::recieveMsgCallback(const std::string& msg) {
 void CommunicationServer::State::recieveMsg(const std::string& msg) {
   std::lock_guard<std::mutex> lock(rawDataLock);
   const ThreadMark mark(this);
-  for (const auto& func : rawDataFuncs.load()) {
-    const std::string reply = (*func)(msg);
-    if (!reply.empty()) sendMsg(reply);
-  }
+  const auto func = rawDataFunc.load();
+  if (!func) return;
+  const std::string reply = (*func)(msg);
+  if (!reply.empty()) sendMsg(reply);
 }
 
 void CommunicationServer::connectionNotify(bool connected) {
@@ -269,7 +269,7 @@ void CommunicationServer::State::connectionNotify(bool value) {
       state.broadcastThread.wake();
     }
   } const store{*this, value};
-  for (const auto& listener : connectionListeners.load()) (*listener)(value);
+  if (const auto listener = connectionListener.load()) (*listener)(value);
 }
 
 void CommunicationServer::broadcastAutomaticFunc() {

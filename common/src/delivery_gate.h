@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 
@@ -8,7 +9,7 @@
 namespace brix {
 
 /// Lets an object that others call back go away: counts the deliveries that run, and lets none in
-/// once it is closed.
+/// once it is closed. Must live as long as a delivery that was not let in.
 class DeliveryGate {
  public:
   /// One delivery.
@@ -32,29 +33,32 @@ class DeliveryGate {
   ///   not for long: a delivery may itself be ending the process.
   /// @param own  number of deliveries that the caller is inside of
   void close(bool wait, int own = 0) {
-    std::unique_lock<std::mutex> lock(mutex_);
     closed_ = true;
     if (!wait) return;
+    std::unique_lock<std::mutex> lock(mutex_);
     waitOrLeave(changed_, lock, [&] { return running_ <= own; });
   }
 
  private:
+  // Counted before the test, and closed before the count is looked at: one sees the other. No lock,
+  // because each message passes here.
   bool enter() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (closed_) return false;
     ++running_;
-    return true;
+    if (!closed_) return true;
+    leave();
+    return false;
   }
   void leave() {
-    std::lock_guard<std::mutex> lock(mutex_);
     --running_;
-    if (closed_) changed_.notify_all();
+    if (!closed_) return;
+    std::lock_guard<std::mutex> lock(mutex_);
+    changed_.notify_all();
   }
 
+  std::atomic<int> running_{0};
+  std::atomic<bool> closed_{false};
   std::mutex mutex_;  // innermost
   std::condition_variable changed_;
-  int running_ = 0;
-  bool closed_ = false;
 };
 
 }  // namespace brix
