@@ -22,6 +22,9 @@ constexpr std::size_t kFloodBytes = 65536;           // 8 MiB in all: more than 
 constexpr int kFloodTexts = 128;
 constexpr double kCutBoundMs = 5500 + kStallMs;  // of a hardened server
 
+constexpr double kListenerMs = 20;  // it is called a little later than the count begins
+constexpr int kMoreTries = 2;
+
 enum class Expect { Silence, Alive, NoConnection, ServerStops, ServerCuts };
 
 struct Scenario {
@@ -44,7 +47,7 @@ struct Fault {
   static void thaw(Peer& peer) { peer.signal(SIGCONT); }
   static void die(Peer& peer) { peer.signal(SIGKILL); }
   static void slow(Peer& peer) {
-    peer.inside("tc qdisc add dev p root tbf rate 64kbit burst 4kb limit 100kb");
+    peer.inside("tc qdisc replace dev p root tbf rate 64kbit burst 4kb limit 100kb");
   }
   static void blink(Peer& peer) {
     peer.ourEnd("down");
@@ -138,8 +141,7 @@ class Play {
     EXPECT_TRUE(eventually([&] { return !client.connected(); }));
     const double ms = client.silentMs();
     family_.silence.add(ms);
-    // The listener is called a little later than the count begins.
-    EXPECT_GE(ms, family_.silenceMs - 20);
+    EXPECT_GE(ms, family_.silenceMs - kListenerMs);
   }
 
   void comeBack(Watched<Client>& client) {
@@ -149,11 +151,20 @@ class Play {
     EXPECT_TRUE(eventually([&] { return client.count > before; }));
   }
 
-  // Longer than every watchdog.
-  void stayConnected(const Watched<Client>& client) {
-    const int before = client.count;
-    EXPECT_FALSE(eventually([&] { return !client.connected(); }, 4000)) << client.silentMs();
-    EXPECT_GT(client.count, before);
+  // Watched for longer than every watchdog. On a machine that stands still the fault may last so
+  // long that the silence is real: then it was noticed rightly, and the fault is played again.
+  void stayConnected(Watched<Client>& client) {
+    for (int more = kMoreTries;; --more) {
+      const int before = client.count;
+      if (!eventually([&] { return !client.connected(); }, 4000)) {
+        EXPECT_GT(client.count, before);
+        return;
+      }
+      EXPECT_GE(client.silentMs(), family_.silenceMs - kListenerMs);
+      ASSERT_GT(more, 0) << "disconnected after " << client.silentMs() << " ms of silence";
+      EXPECT_TRUE(eventually([&] { return client.reach(peer_.ip()); }));
+      scenario_.fault(peer_);
+    }
   }
 
   void failToConnect() {
