@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <memory>
 
 #include "brix_log.h"
@@ -27,6 +28,14 @@ using std::string;
 
 constexpr double kServedMs = 100;        // the promise; a busy machine is granted ten times that
 constexpr std::size_t kShortBytes = 64;  // more, one by one, would be silence to a client
+
+// ThreadSanitizer makes a large message so slow that a client may end the link as silent; servers
+// get all of them, and so do clients in the other builds.
+#if defined(__SANITIZE_THREAD__)
+constexpr std::size_t kMostBytesToClient = 1 << 17;
+#else
+constexpr std::size_t kMostBytesToClient = std::numeric_limits<std::size_t>::max();
+#endif
 
 const string kParseError = R"({"code":-2,"msg":"command parse error"})";
 const string kUnknown = R"({"code":-2,"command":"unknow","msg":"command parse error"})";
@@ -242,6 +251,7 @@ struct Worst {
   void add(const Receiver& receiver) {
     Runner runner(receiver);
     for (const Row& row : rows()) {
+      if (receiver.client && row.bytes.size() > kMostBytesToClient) continue;
       runner.run(row);
       if (testing::Test::HasFatalFailure()) return;
     }
