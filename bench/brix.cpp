@@ -100,9 +100,7 @@ Json::Value paceOfBroadcast(const Options& options) {
   };
   server->registerBroadcastFunc(broadcast, kBroadcastMs);
   calls.waitFor(wanted);
-  Json::Value figures;
-  periods.report(figures);
-  return figures;
+  return periods.figures();
 }
 
 /// The time between two messages of a backlog at the server's listener.
@@ -123,9 +121,7 @@ Json::Value paceOfReceiving(const Options& options) {
   bench::feedRaw({fd}, wanted, bench::kChunkBytes);
   messages.waitFor(wanted);
   close(fd);
-  Json::Value figures;
-  periods.report(figures);
-  return figures;
+  return periods.figures();
 }
 
 /// The time between two texts of a backlog at a client's socket.
@@ -145,9 +141,7 @@ Json::Value paceOfSending(const Options& options) {
   clients.waitFor(1);
   for (std::int64_t i = 0; i < wanted; ++i) server.publish(text);
   bytes.waitFor(wanted * static_cast<std::int64_t>(text.size() + bench::kDelimiterBytes));
-  Json::Value figures;
-  periods.report(figures);
-  return figures;
+  return periods.figures();
 }
 
 }  // namespace

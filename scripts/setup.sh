@@ -22,7 +22,10 @@ ensure_packages() {
     as_root=(sudo)
   fi
   echo "== installing: ${missing[*]}"
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+  if [[ -z ${package_lists_read-} ]]; then
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+    package_lists_read=1
+  fi
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }

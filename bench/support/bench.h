@@ -125,7 +125,11 @@ class Periods {
     if (lastNs_ != 0) samples_.add(now - lastNs_);
     lastNs_ = now;
   }
-  void report(Json::Value& figures) { samples_.report(figures); }
+  Json::Value figures() {
+    Json::Value result;
+    samples_.report(result);
+    return result;
+  }
 
  private:
   std::int64_t lastNs_ = 0;

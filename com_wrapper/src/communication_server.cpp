@@ -298,12 +298,7 @@ void CommunicationServer::State::broadcastOnce(StopSignal& run) {
 /// @return false on a stop
 bool CommunicationServer::State::waitForAudience(StopSignal& run,
                                                  std::unique_lock<std::mutex>& lock) {
-  const auto audience = [this] { return connected || sentMsgObserver; };
-  while (!audience() && !run.requested()) {
-    lock.unlock();
-    run.pauseMs(kLongestPauseMs, audience);
-    lock.lock();
-  }
+  run.await(lock, [this] { return connected || sentMsgObserver; });
   return !run.requested();
 }
 

@@ -46,6 +46,10 @@ class StopSignal {
   template <typename Interrupted>
   void pauseMs(double ms, Interrupted interrupted);
 
+  /// Waits until a wake() finds `ready()` true, or for the stop; the lock is given up meanwhile.
+  template <typename Ready>
+  void await(std::unique_lock<std::mutex>& lock, Ready ready);
+
  private:
   friend class WakeSignal;
 
@@ -64,6 +68,15 @@ void StopSignal::pauseMs(double ms, Interrupted interrupted) {
   std::unique_lock<std::mutex> lock(mutex_);
   condition_.wait_for(lock, std::chrono::microseconds(pauseMicros(ms)),
                       [&] { return requested() || interrupted(); });
+}
+
+template <typename Ready>
+void StopSignal::await(std::unique_lock<std::mutex>& lock, Ready ready) {
+  while (!requested() && !ready()) {
+    lock.unlock();
+    pauseMs(kLongestPauseMs, ready);
+    lock.lock();
+  }
 }
 
 }  // namespace brix

@@ -48,12 +48,9 @@ bool ListenSocket::readBindAddress(sockaddr_in& address) const {
 
 const char* ListenSocket::open() {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0) {
-    publish(true, 0);
-    return "Socket error";
-  }
   std::shared_ptr<SocketOwner> opened;
-  if (!guarded("socket exception: %s", [&] { opened = SocketOwner::make(fd); })) {
+  if (fd >= 0) guarded("socket exception: %s", [&] { opened = SocketOwner::make(fd); });
+  if (!opened) {
     publish(true, 0);
     return "Socket error";
   }

@@ -304,11 +304,7 @@ void TcpServerWrapper::State::broadcastLoop(StopSignal& run) {
 
 void TcpServerWrapper::State::broadcastOnce(StopSignal& run) {
   std::unique_lock<std::mutex> lock(stateLock);
-  while (!connected && !run.requested()) {
-    lock.unlock();
-    run.pauseMs(kLongestPauseMs, [this] { return connected.load(); });
-    lock.lock();
-  }
+  run.await(lock, [this] { return connected.load(); });
   const auto func = broadcastFunc.load();
   if (run.requested() || !func) return;
   BroadcastCore::started().push(compact((*func)()) + kDelimiter);
